@@ -1,0 +1,334 @@
+#include <Tamlo/Debug.h>
+
+#include <cstdlib>
+#include <cstdio>
+#include <map>
+#include <unordered_map>
+
+#include <fmt/format.h>
+
+#include <Tamlo/Allocator.h>
+#include <Tamlo/Assert.h>
+#include <Tamlo/Loco.h>
+
+namespace Tamlo {
+namespace Orv {
+namespace {
+
+// The three registries; created on first use and never freed, so that
+// handles destroyed during process exit still find them.
+struct Registries {
+  std::unordered_map<std::string, DebugControl*> debugsMap_;
+  std::map<std::string, DebugControl*> wildCardDebugsMap_;
+  std::multimap<std::string, DebugHandler*> handlerMap_;
+};
+Registries* registries = nullptr;
+
+Registries& reg() {
+  if (!registries)
+    registries = new Registries;
+  return *registries;
+}
+
+bool startsWith(std::string const& text, std::string const& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The message names the caller itself, so no scope is added to it.
+void requireLoco(char const* what) { TAMLO_ASSERT_IN("", Platform::loco().owns_lock(), "{}", what); }
+
+template <typename Map, typename Fn>
+void forEachWithPrefix(Map& map, std::string const& prefix, Fn&& fn) {
+  for (auto it = map.lower_bound(prefix); it != map.end() && startsWith(it->first, prefix); ++it)
+    fn(it->second);
+}
+
+// Applies `fn` to each entry of `spec` split at ','. An empty value does
+// nothing; a trailing ',' ends the list; an empty entry between commas is an
+// empty name with no levels.
+template <typename Fn>
+void forEachEntry(std::string const& spec, Fn&& fn) {
+  size_t start = 0;
+  while (start < spec.size()) {
+    size_t const comma = std::min(spec.find(',', start), spec.size());
+    std::string const entry = spec.substr(start, comma - start);
+    size_t const slash = entry.find('/');
+    if (slash == std::string::npos)
+      fn(entry, std::string());
+    else
+      fn(entry.substr(0, slash), entry.substr(slash + 1));
+    start = comma + 1;
+  }
+}
+
+}  // namespace
+
+DebugHandler::DebugHandler(std::string const& name, unsigned levels, bool fixedLevels)
+    : levels_(static_cast<uint16_t>(levels)), name_(name), fixedLevels_(fixedLevels) {
+  levelsPtr_ = &levels_;
+  requireLoco("DebugHandler::DebugHandler() no loco");
+  reg().handlerMap_.emplace(name_, this);
+}
+
+DebugHandler::~DebugHandler() {
+  Platform::LocoGuard guard;
+  auto& handlers = reg().handlerMap_;
+  auto [first, last] = handlers.equal_range(name_);
+  for (auto it = first; it != last; ++it) {
+    if (it->second == this) {
+      handlers.erase(it);
+      break;
+    }
+  }
+}
+
+void DebugHandler::enabledIs(unsigned level, bool on) {
+  TAMLO_ASSERT(levelsPtr_ == &levels_,
+               "Cannot use this with a non-null levelsPtr passed to constructor");
+  uint16_t const bit = static_cast<uint16_t>(1u << (level % 32));
+  levels_ = on ? (levels_ | bit) : (levels_ & ~bit);
+}
+
+void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, char const* fileName,
+                        int line, char const* funcName) const {
+  std::string const text = stream.str();
+  Platform::dumpDebugMsg(text.data(), text.size(), level, this, fileName, funcName, line);
+}
+
+void DebugHandler::levelsAdd(uint16_t levels) {
+  if (!fixedLevels_)
+    levels_ |= levels;
+}
+
+void DebugHandler::levelsRemove(uint16_t levels) {
+  if (!fixedLevels_)
+    levels_ &= static_cast<uint16_t>(~levels);
+}
+
+std::string DebugHandler::displayString() const {
+  return fmt::format("{}{}/{}", name_, fixedLevels_ ? "+" : "",
+                     DebugControl::levelsString(levels_));
+}
+
+DebugControl::DebugControl(std::string const& name, uint16_t levels, bool wildcard)
+    : name_(name), levels_(levels), wildcard_(wildcard) {
+  requireLoco("DebugControl::DebugControl() no loco");
+}
+
+DebugControl::~DebugControl() { requireLoco("DebugControl::~DebugControl() no loco"); }
+
+std::string DebugControl::displayString() const {
+  return fmt::format("{}{}/{}", name_, wildcard_ ? "*" : "", levelsString(levels_));
+}
+
+std::string DebugControl::levelsString(uint16_t levels) {
+  if ((levels & allLevels) == allLevels)
+    return "*";
+  std::string digits;
+  for (unsigned level = 0; level < 10; ++level)
+    if (levels & (1u << level))
+      digits.push_back(static_cast<char>('0' + level));
+  return digits;
+}
+
+void DebugControl::initialize() {
+  requireLoco("DebugControl::initialize() no loco");
+  reg();
+}
+
+std::string DebugControl::parseName(std::string const& text, bool& wildcard) {
+  wildcard = !text.empty() && text.back() == '*';
+  return wildcard ? text.substr(0, text.size() - 1) : text;
+}
+
+uint16_t DebugControl::parseLevels(std::string const& text) {
+  uint16_t levels = 0;
+  for (char c : text) {
+    if (c >= '0' && c <= '9')
+      levels |= static_cast<uint16_t>(1u << (c - '0'));
+    else if (c == '*')
+      levels = allLevels;
+  }
+  return levels;
+}
+
+DebugControl* DebugControl::findWildcard(std::string name) {
+  requireLoco("DebugControl::findWildcard() no loco");
+  // Ascending prefix order: among nested prefixes the shortest governs.
+  for (auto const& [prefix, setting] : reg().wildCardDebugsMap_)
+    if (startsWith(name, prefix))
+      return setting;
+  return nullptr;
+}
+
+void DebugControl::set(std::string const& rawName, std::string const& levelsText) {
+  bool wildcard = false;
+  std::string const name = parseName(rawName, wildcard);
+  uint16_t const levels = parseLevels(levelsText);
+  Platform::LocoGuard guard;
+  initialize();
+  Registries& r = reg();
+
+  auto inheritedLevels = [](std::string const& key) -> uint16_t {
+    DebugControl const* governing = findWildcard(key);
+    return governing ? governing->levels_ : 0;
+  };
+
+  if (!wildcard) {
+    DebugControl*& setting = r.debugsMap_[name];
+    if (setting)
+      setting->levels_ |= levels;
+    else
+      setting = new DebugControl(name, levels | inheritedLevels(name), false);
+    auto [first, last] = r.handlerMap_.equal_range(name);
+    for (auto it = first; it != last; ++it)
+      it->second->levelsAdd(setting->levels_);
+    return;
+  }
+
+  DebugControl* setting;
+  if (auto it = r.wildCardDebugsMap_.find(name); it != r.wildCardDebugsMap_.end()) {
+    setting = it->second;
+    setting->levels_ |= levels;
+  } else {
+    setting = new DebugControl(name, levels | inheritedLevels(name), true);
+    r.wildCardDebugsMap_.emplace(name, setting);
+  }
+  uint16_t const covered = setting->levels_;
+  forEachWithPrefix(r.wildCardDebugsMap_, name, [&](DebugControl* s) { s->levels_ |= covered; });
+  for (auto& [specificName, s] : r.debugsMap_)
+    if (startsWith(specificName, name))
+      s->levels_ |= covered;
+  forEachWithPrefix(r.handlerMap_, name, [&](DebugHandler* h) { h->levelsAdd(covered); });
+}
+
+void DebugControl::clear(std::string const& rawName, std::string const& levelsText) {
+  bool wildcard = false;
+  std::string const name = parseName(rawName, wildcard);
+  uint16_t const levels = parseLevels(levelsText);
+  uint16_t const keep = static_cast<uint16_t>(~levels);
+  Platform::LocoGuard guard;
+  initialize();
+  Registries& r = reg();
+
+  auto removeFromHandlersNamed = [&] {
+    auto [first, last] = r.handlerMap_.equal_range(name);
+    for (auto it = first; it != last; ++it)
+      it->second->levelsRemove(levels);
+  };
+
+  if (wildcard) {
+    for (auto it = r.wildCardDebugsMap_.lower_bound(name);
+         it != r.wildCardDebugsMap_.end() && startsWith(it->first, name);) {
+      it->second->levels_ &= keep;
+      if (it->second->levels_ == 0) {
+        delete it->second;
+        it = r.wildCardDebugsMap_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    for (auto it = r.debugsMap_.begin(); it != r.debugsMap_.end();) {
+      if (startsWith(it->first, name)) {
+        it->second->levels_ &= keep;
+        if (it->second->levels_ == 0) {
+          delete it->second;
+          it = r.debugsMap_.erase(it);
+          continue;
+        }
+      }
+      ++it;
+    }
+    forEachWithPrefix(r.handlerMap_, name, [&](DebugHandler* h) { h->levelsRemove(levels); });
+    return;
+  }
+
+  if (auto it = r.debugsMap_.find(name); it != r.debugsMap_.end()) {
+    it->second->levels_ &= keep;
+    if (it->second->levels_ == 0) {
+      delete it->second;
+      r.debugsMap_.erase(it);
+    }
+  } else if (DebugControl const* governing = findWildcard(name)) {
+    // No setting is made for a name only a wildcard covers: instead one more
+    // handle of that name records the cleared levels, and is never freed.
+    // Handles obtained later still start from the wildcard's full levels.
+    new DebugHandler(name, governing->levels_ & keep, false);
+  }
+  removeFromHandlersNamed();
+}
+
+std::shared_ptr<Platform::DebugHandler> DebugControl::get(std::string const& rawName, bool) {
+  bool wildcard = false;
+  std::string const name = parseName(rawName, wildcard);
+  Platform::LocoGuard guard;
+  initialize();
+  if (wildcard) {
+    std::string const warning =
+        fmt::format("Tamlo::Debug - Warning - Wild card specifier ignored getting handler for {} "
+                    "using {}\n",
+                    rawName, name);
+    std::fputs(warning.c_str(), stderr);
+  }
+  uint16_t levels = 0;
+  if (auto it = reg().debugsMap_.find(name); it != reg().debugsMap_.end())
+    levels = it->second->levels_;
+  else if (DebugControl const* governing = findWildcard(name))
+    levels = governing->levels_;
+  return std::allocate_shared<DebugHandler>(Allocator<DebugHandler>(), name, levels, false);
+}
+
+}  // namespace Orv
+
+namespace Platform {
+
+std::shared_ptr<DebugHandler> getDebugHandler(std::string const& name) {
+  return Orv::DebugControl::get(name, false);
+}
+
+void destroyDebugHandler(DebugHandler* handle) {
+  LocoGuard guard;
+  delete handle;
+}
+
+void setupTamloDebug(char const* spec) {
+  LocoGuard guard;
+  if (!spec)
+    spec = std::getenv("TRACE");
+  if (spec)
+    Orv::forEachEntry(spec, [](std::string const& name, std::string const& levels) {
+      Orv::DebugControl::set(name, levels);
+    });
+  Impl::openTraceFileFromEnvironment();
+}
+
+void clearTamloDebug(char const* spec) {
+  if (!spec)
+    return;
+  LocoGuard guard;
+  Orv::forEachEntry(spec, [](std::string const& name, std::string const& levels) {
+    Orv::DebugControl::clear(name, levels);
+  });
+}
+
+void dumpTamloDebugMap() {
+  std::string text = "\nSpecific:\n";
+  {
+    LocoGuard guard;
+    Orv::DebugControl::initialize();
+    Orv::Registries& r = Orv::reg();
+    for (auto const& [name, setting] : r.debugsMap_)
+      text += "    " + setting->displayString() + "\n";
+    text += "Wildcard:\n";
+    for (auto const& [prefix, setting] : r.wildCardDebugsMap_)
+      text += "    " + setting->displayString() + "\n";
+    text += "Handlers:\n";
+    for (auto const& [name, handle] : r.handlerMap_)
+      text += "    " + handle->displayString() + "\n";
+  }
+  std::fputs(text.c_str(), stdout);
+  std::fflush(stdout);
+}
+
+}  // namespace Platform
+}  // namespace Tamlo

@@ -1,0 +1,12 @@
+#include <Tamlo/Loco.h>
+
+namespace Tamlo::Platform {
+
+Loco& loco() {
+  // Deliberately leaked: traces and assertions may run during process exit,
+  // after every static destructor.
+  static Loco* const theLoco = new Tamlo::Loco;
+  return *theLoco;
+}
+
+}  // namespace Tamlo::Platform

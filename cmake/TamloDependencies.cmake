@@ -1,0 +1,12 @@
+# Every dependency comes from the distribution; nothing is fetched or vendored.
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+find_package(fmt REQUIRED)
+find_package(Boost REQUIRED COMPONENTS iostreams system)
+pkg_check_modules(Libevent REQUIRED IMPORTED_TARGET libevent_core libevent_pthreads)
+pkg_check_modules(Libunwind REQUIRED IMPORTED_TARGET libunwind)
+
+if(TAMLO_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()

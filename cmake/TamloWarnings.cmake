@@ -1,0 +1,6 @@
+function(tamlo_set_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  if(TAMLO_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()

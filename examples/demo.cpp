@@ -1,0 +1,3 @@
+#include <Tamlo/Tamlo.h>
+
+int main() { return 0; }

@@ -1,0 +1,623 @@
+#include "Tamlo/Timeouts.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace {
+
+constexpr timeout_t kHz = 100;
+constexpr timeout_t kDay = 24 * 3600 * kHz;
+constexpr timeout_t kNever = ~timeout_t{0};
+// A realistic current tick: seconds since the epoch at 100 Hz, mid-wheel.
+constexpr abstime_t kStart = 1'700'000'000 * kHz + 12345;
+
+struct WheelCloser {
+  void operator()(timeouts* T) const { timeouts_close(T); }
+};
+using Wheel = std::unique_ptr<timeouts, WheelCloser>;
+
+Wheel openWheel(abstime_t now) {
+  int error = -1;
+  Wheel T(timeouts_open(kHz, &error));
+  EXPECT_NE(T, nullptr);
+  EXPECT_EQ(error, 0);
+  timeouts_update(T.get(), now);
+  return T;
+}
+
+timeout makeRecord(int flags = TIMEOUT_ABS) {
+  timeout to;
+  timeout_init(&to, flags);
+  return to;
+}
+
+std::vector<timeout*> drain(timeouts* T) {
+  std::vector<timeout*> out;
+  while (timeout* to = timeouts_get(T)) {
+    out.push_back(to);
+  }
+  return out;
+}
+
+using Records = std::vector<timeout*>;
+
+TEST(Timeouts, OpenRejectsZeroHz) {
+  int error = 0;
+  EXPECT_EQ(timeouts_open(0, &error), nullptr);
+  EXPECT_EQ(error, EINVAL);
+  EXPECT_EQ(timeouts_open(0, nullptr), nullptr);
+}
+
+TEST(Timeouts, NewWheelIsEmpty) {
+  Wheel T = openWheel(0);
+  EXPECT_EQ(timeouts_now(T.get()), 0u);
+  EXPECT_FALSE(timeouts_pending(T.get()));
+  EXPECT_FALSE(timeouts_expired(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
+  EXPECT_EQ(timeouts_get(T.get()), nullptr);
+}
+
+TEST(Timeouts, InitKeepsFlagsAndStartsOffEveryList) {
+  timeout_list stale{};
+  timeout to;
+  to.pending = &stale;  // leftovers that init must clear
+  to.tqe.tqe_next = &to;
+  to.tqe.tqe_prev = &to;
+  EXPECT_EQ(timeout_init(&to, TIMEOUT_ABS | 0x14), &to);
+  EXPECT_EQ(to.flags, TIMEOUT_ABS | 0x14);
+  EXPECT_EQ(to.pending, nullptr);
+  EXPECT_EQ(to.tqe.tqe_next, nullptr);
+  EXPECT_EQ(to.tqe.tqe_prev, nullptr);
+}
+
+TEST(Timeouts, ExpiryAtOrBeforeNowIsExpiredAtOnce) {
+  Wheel T = openWheel(kStart);
+  timeout atNow = makeRecord(), before = makeRecord(), atZero = makeRecord();
+  timeouts_add(T.get(), &atNow, kStart);
+  timeouts_add(T.get(), &before, kStart - 1);
+  timeouts_add(T.get(), &atZero, 0);
+  EXPECT_TRUE(timeouts_expired(T.get()));
+  EXPECT_FALSE(timeouts_pending(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), 0u);
+  EXPECT_NE(atNow.pending, nullptr);
+  EXPECT_EQ(drain(T.get()), (Records{&atNow, &before, &atZero}));
+  EXPECT_EQ(atNow.pending, nullptr);
+  EXPECT_EQ(before.pending, nullptr);
+  EXPECT_FALSE(timeouts_expired(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
+}
+
+TEST(Timeouts, ExpiryOneTickAheadWaitsForThatTick) {
+  Wheel T = openWheel(kStart);
+  timeout to = makeRecord();
+  timeouts_add(T.get(), &to, kStart + 1);
+  EXPECT_FALSE(timeouts_expired(T.get()));
+  EXPECT_TRUE(timeouts_pending(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), 1u);
+  timeouts_update(T.get(), kStart);
+  EXPECT_EQ(timeouts_get(T.get()), nullptr);
+  timeouts_update(T.get(), kStart + 1);
+  EXPECT_EQ(drain(T.get()), (Records{&to}));
+  EXPECT_FALSE(timeouts_pending(T.get()));
+}
+
+TEST(Timeouts, UpdateToEarlierOrEqualTickChangesNothing) {
+  Wheel T = openWheel(kStart);
+  timeout to = makeRecord();
+  timeouts_add(T.get(), &to, kStart + 100);
+  const timeout_t wait = timeouts_timeout(T.get());
+  timeouts_update(T.get(), kStart - 50);
+  timeouts_update(T.get(), 0);
+  timeouts_update(T.get(), kStart);
+  EXPECT_EQ(timeouts_now(T.get()), kStart);
+  EXPECT_EQ(timeouts_timeout(T.get()), wait);
+  EXPECT_FALSE(timeouts_expired(T.get()));
+  // The wheel still counts from kStart: a relative expiry proves it.
+  timeout relative = makeRecord(0);
+  timeouts_add(T.get(), &relative, 10);
+  EXPECT_EQ(relative.expires, kStart + 10);
+  timeouts_update(T.get(), kStart + 99);
+  EXPECT_EQ(drain(T.get()), (Records{&relative}));
+  timeouts_update(T.get(), kStart + 100);
+  EXPECT_EQ(drain(T.get()), (Records{&to}));
+}
+
+TEST(Timeouts, DeletePendingRecord) {
+  Wheel T = openWheel(kStart);
+  timeout kept = makeRecord(), gone = makeRecord();
+  timeouts_add(T.get(), &gone, kStart + 5);
+  timeouts_add(T.get(), &kept, kStart + 5);
+  timeouts_del(T.get(), &gone);
+  EXPECT_EQ(gone.pending, nullptr);
+  EXPECT_TRUE(timeouts_pending(T.get()));
+  timeouts_del(T.get(), &kept);
+  // Both left the one slot they shared: the wheel must know it is empty.
+  EXPECT_FALSE(timeouts_pending(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
+  timeouts_update(T.get(), kStart + kDay);
+  EXPECT_EQ(timeouts_get(T.get()), nullptr);
+}
+
+TEST(Timeouts, DeleteExpiredRecordBeforeGet) {
+  Wheel T = openWheel(kStart);
+  timeout first = makeRecord(), second = makeRecord(), third = makeRecord();
+  timeouts_add(T.get(), &first, kStart + 1);
+  timeouts_add(T.get(), &second, kStart + 1);
+  timeouts_add(T.get(), &third, kStart + 1);
+  timeouts_update(T.get(), kStart + 1);
+  timeouts_del(T.get(), &second);
+  EXPECT_EQ(second.pending, nullptr);
+  EXPECT_EQ(drain(T.get()), (Records{&first, &third}));
+  timeouts_add(T.get(), &first, kStart);
+  timeouts_del(T.get(), &first);
+  EXPECT_FALSE(timeouts_expired(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
+}
+
+TEST(Timeouts, DeleteOfRecordOffTheWheelIsHarmless) {
+  Wheel T = openWheel(kStart);
+  timeout never = makeRecord(), got = makeRecord(), other = makeRecord();
+  timeouts_add(T.get(), &other, kStart + 3);
+  timeouts_del(T.get(), &never);
+  timeouts_add(T.get(), &got, kStart);
+  ASSERT_EQ(timeouts_get(T.get()), &got);
+  timeouts_del(T.get(), &got);
+  timeouts_del(T.get(), &got);
+  EXPECT_NE(other.pending, nullptr);
+  EXPECT_EQ(timeouts_timeout(T.get()), 3u);
+}
+
+TEST(Timeouts, ReAddMovesPendingRecord) {
+  Wheel T = openWheel(kStart);
+  timeout to = makeRecord();
+  timeouts_add(T.get(), &to, kStart + kDay);
+  timeouts_add(T.get(), &to, kStart + 50);
+  EXPECT_EQ(to.expires, kStart + 50);
+  EXPECT_LE(timeouts_timeout(T.get()), 50u);
+  timeouts_update(T.get(), kStart + 49);
+  EXPECT_EQ(timeouts_get(T.get()), nullptr);
+  timeouts_add(T.get(), &to, kStart + 200);
+  timeouts_update(T.get(), kStart + 199);
+  EXPECT_EQ(timeouts_get(T.get()), nullptr);
+  timeouts_update(T.get(), kStart + 200);
+  EXPECT_EQ(drain(T.get()), (Records{&to}));
+  timeouts_update(T.get(), kStart + kDay + 1);
+  EXPECT_EQ(timeouts_get(T.get()), nullptr);  // no copy left at the old expiry
+}
+
+TEST(Timeouts, ReAddOfExpiredRecordMakesItPendingAgain) {
+  Wheel T = openWheel(kStart);
+  timeout to = makeRecord();
+  timeouts_add(T.get(), &to, kStart - 1);
+  ASSERT_TRUE(timeouts_expired(T.get()));
+  timeouts_add(T.get(), &to, kStart + 7);
+  EXPECT_FALSE(timeouts_expired(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), 7u);
+  timeouts_add(T.get(), &to, kStart);  // and back to expired
+  EXPECT_FALSE(timeouts_pending(T.get()));
+  EXPECT_EQ(drain(T.get()), (Records{&to}));
+}
+
+TEST(Timeouts, CallerBitsSurviveEveryOperation) {
+  for (int callerBits : {0x04, 0x08, 0x10, 0x1C}) {
+    SCOPED_TRACE(callerBits);
+    Wheel T = openWheel(kStart);
+    const int flags = TIMEOUT_ABS | callerBits;
+    timeout to = makeRecord(flags);
+    timeouts_add(T.get(), &to, kStart + 2 * kDay);  // far enough to cascade
+    EXPECT_EQ(to.flags, flags);
+    timeouts_update(T.get(), kStart + kDay);
+    EXPECT_EQ(to.flags, flags);
+    timeouts_update(T.get(), kStart + 2 * kDay);
+    EXPECT_EQ(to.flags, flags);
+    ASSERT_EQ(timeouts_get(T.get()), &to);
+    EXPECT_EQ(to.flags, flags);
+    timeouts_add(T.get(), &to, kStart);
+    timeouts_del(T.get(), &to);
+    EXPECT_EQ(to.flags, flags);
+  }
+}
+
+TEST(Timeouts, PendingIsNullExactlyWhenOffTheWheel) {
+  Wheel T = openWheel(kStart);
+  timeout to = makeRecord();
+  EXPECT_EQ(to.pending, nullptr);
+  timeouts_add(T.get(), &to, kStart + 70);  // second wheel
+  EXPECT_NE(to.pending, nullptr);
+  timeouts_update(T.get(), kStart + 69);  // moved down a wheel
+  EXPECT_NE(to.pending, nullptr);
+  timeouts_update(T.get(), kStart + 70);
+  EXPECT_NE(to.pending, nullptr);  // expired but not yet handed out
+  ASSERT_EQ(timeouts_get(T.get()), &to);
+  EXPECT_EQ(to.pending, nullptr);
+  EXPECT_EQ(to.tqe.tqe_next, nullptr);
+  EXPECT_EQ(to.tqe.tqe_prev, nullptr);
+}
+
+TEST(Timeouts, CallerMayChainRecordsWhileOffTheWheel) {
+  Wheel T = openWheel(kStart);
+  timeout a = makeRecord(), b = makeRecord(), c = makeRecord();
+  for (timeout* to : {&a, &b, &c}) {
+    timeouts_add(T.get(), to, kStart + 1);
+  }
+  timeouts_update(T.get(), kStart + 1);
+  timeout_list mine{};
+  while (timeout* to = timeouts_get(T.get())) {
+    timeout_list_push_back(&mine, to);
+    EXPECT_EQ(to->pending, &mine);
+  }
+  timeout_list_remove(&b);  // from the middle
+  EXPECT_EQ(b.pending, nullptr);
+  timeouts_add(T.get(), &b, kStart + 2);
+  EXPECT_EQ(timeout_list_first(&mine), &a);
+  timeout_list_remove(&a);
+  EXPECT_EQ(timeout_list_first(&mine), &c);
+  timeout_list_remove(&c);
+  EXPECT_TRUE(timeout_list_empty(&mine));
+  EXPECT_EQ(mine.tqh_last, nullptr);
+  timeouts_update(T.get(), kStart + 2);
+  EXPECT_EQ(drain(T.get()), (Records{&b}));
+}
+
+TEST(Timeouts, TimeoutIsZeroWhileAnythingIsExpired) {
+  Wheel T = openWheel(kStart);
+  timeout soon = makeRecord(), done = makeRecord();
+  timeouts_add(T.get(), &soon, kStart + 1);
+  timeouts_add(T.get(), &done, kStart);
+  EXPECT_EQ(timeouts_timeout(T.get()), 0u);
+  ASSERT_EQ(timeouts_get(T.get()), &done);
+  EXPECT_EQ(timeouts_timeout(T.get()), 1u);
+}
+
+// Sleeping for timeouts_timeout() and updating must reach every expiry on its
+// tick exactly, in few steps, and never step past a pending expiry.
+TEST(Timeouts, FollowingTimeoutReachesEachExpiryOnItsTick) {
+  const timeout_t distances[] = {
+      1,         2,       63,      64,       65,        4095,       4096,
+      4097,      262'143, 262'144, 3 * kDay, 30 * kDay, 1ull << 36, (1ull << 36) + 1,
+      1ull << 50};
+  for (abstime_t start : {abstime_t{0}, abstime_t{63}, kStart, (abstime_t{1} << 42) - 1}) {
+    SCOPED_TRACE(start);
+    Wheel T = openWheel(start);
+    std::vector<timeout> records(std::size(distances));
+    std::multimap<timeout_t, timeout*> model;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      timeout_init(&records[i], TIMEOUT_ABS);
+      timeouts_add(T.get(), &records[i], start + distances[i]);
+      model.emplace(start + distances[i], &records[i]);
+    }
+    int steps = 0;
+    while (!model.empty()) {
+      ASSERT_LT(++steps, 200);
+      abstime_t now = timeouts_now(T.get());
+      timeout_t wait = timeouts_timeout(T.get());
+      ASSERT_GE(wait, 1u);
+      ASSERT_LE(wait, model.begin()->first - now);
+      timeouts_update(T.get(), now + wait);
+      for (timeout* to : drain(T.get())) {
+        ASSERT_EQ(to->expires, now + wait);
+        ASSERT_EQ(model.begin()->second, to);
+        model.erase(model.begin());
+      }
+    }
+    EXPECT_EQ(timeouts_timeout(T.get()), kNever);
+  }
+}
+
+TEST(Timeouts, HugeJumpReleasesEverythingDueAndNothingElse) {
+  Wheel T = openWheel(kStart);
+  timeout next = makeRecord(), hour = makeRecord(), days = makeRecord(), later = makeRecord(),
+          far = makeRecord();
+  timeouts_add(T.get(), &next, kStart + 1);
+  timeouts_add(T.get(), &hour, kStart + 3600 * kHz);
+  timeouts_add(T.get(), &days, kStart + 3 * kDay);
+  timeouts_add(T.get(), &later, kStart + 3 * kDay + 1);
+  timeouts_add(T.get(), &far, kStart + (1ull << 40));
+  timeouts_update(T.get(), kStart + 3 * kDay);
+  EXPECT_EQ(drain(T.get()), (Records{&next, &hour, &days}));
+  EXPECT_EQ(timeouts_timeout(T.get()), 1u);
+  timeouts_update(T.get(), kNever);
+  EXPECT_EQ(drain(T.get()), (Records{&later, &far}));
+  EXPECT_FALSE(timeouts_pending(T.get()));
+}
+
+// Crossing the end of a lower wheel changes a higher digit; records just past
+// the carry must be neither released early nor skipped.
+TEST(Timeouts, JumpsPastTheEndOfLowerWheels) {
+  for (int bits : {6, 12, 18, 36, 60}) {
+    SCOPED_TRACE(bits);
+    const abstime_t boundary = abstime_t{1} << bits;
+    Wheel T = openWheel(boundary - 1);
+    timeout at = makeRecord(), after = makeRecord(), beyond = makeRecord();
+    timeouts_add(T.get(), &at, boundary);
+    timeouts_add(T.get(), &after, boundary + 5);
+    timeouts_add(T.get(), &beyond, boundary + 64);
+    timeouts_update(T.get(), boundary);
+    EXPECT_EQ(drain(T.get()), (Records{&at}));
+    timeouts_update(T.get(), boundary + 4);
+    EXPECT_EQ(timeouts_get(T.get()), nullptr);
+    EXPECT_EQ(timeouts_timeout(T.get()), 1u);
+    timeouts_update(T.get(), boundary + 63);
+    EXPECT_EQ(drain(T.get()), (Records{&after}));
+    timeouts_update(T.get(), boundary + 1000);
+    EXPECT_EQ(drain(T.get()), (Records{&beyond}));
+  }
+}
+
+TEST(Timeouts, LastTickIsReachable) {
+  Wheel T = openWheel(kStart);
+  timeout last = makeRecord();
+  timeouts_add(T.get(), &last, kNever);
+  EXPECT_TRUE(timeouts_pending(T.get()));
+  timeouts_update(T.get(), kNever - 1);
+  EXPECT_EQ(timeouts_get(T.get()), nullptr);
+  EXPECT_EQ(timeouts_timeout(T.get()), 1u);
+  timeouts_update(T.get(), kNever);
+  EXPECT_EQ(drain(T.get()), (Records{&last}));
+  // Nothing lies beyond the last tick: every later add is expired at once.
+  timeouts_add(T.get(), &last, kNever);
+  EXPECT_TRUE(timeouts_expired(T.get()));
+}
+
+TEST(Timeouts, ExpiredRecordsComeOutInOrderOfExpiring) {
+  Wheel T = openWheel(kStart);
+  timeout a = makeRecord(), b = makeRecord(), c = makeRecord(), d = makeRecord(), e = makeRecord();
+  timeouts_add(T.get(), &b, kStart + 10);
+  timeouts_add(T.get(), &a, kStart + 10);
+  timeouts_add(T.get(), &c, kStart + 20);
+  timeouts_update(T.get(), kStart + 10);
+  timeouts_add(T.get(), &d, kStart);  // expired at once, after the update's
+  timeouts_update(T.get(), kStart + 20);
+  timeouts_add(T.get(), &e, kStart + 15);
+  EXPECT_EQ(drain(T.get()), (Records{&b, &a, &d, &c, &e}));
+}
+
+TEST(Timeouts, RelativeExpiryCountsFromCurrentTick) {
+  Wheel T = openWheel(kStart);
+  timeout to = makeRecord(0), forever = makeRecord(0);
+  timeouts_add(T.get(), &to, 30);
+  EXPECT_EQ(to.expires, kStart + 30);
+  EXPECT_LE(timeouts_timeout(T.get()), 30u);
+  timeouts_add(T.get(), &forever, kNever - 5);  // saturates instead of wrapping to the past
+  EXPECT_EQ(forever.expires, kNever);
+  EXPECT_FALSE(timeouts_expired(T.get()));
+  timeouts_add(T.get(), &to, 0);
+  EXPECT_EQ(drain(T.get()), (Records{&to}));
+}
+
+TEST(Timeouts, CloseTakesRecordsOffTheWheel) {
+  timeouts* T = timeouts_open(kHz, nullptr);
+  ASSERT_NE(T, nullptr);
+  timeouts_update(T, kStart);
+  timeout waiting = makeRecord(), far = makeRecord(), expired = makeRecord();
+  timeouts_add(T, &waiting, kStart + 1);
+  timeouts_add(T, &far, kStart + kDay);
+  timeouts_add(T, &expired, kStart);
+  timeouts_close(T);
+  EXPECT_EQ(waiting.pending, nullptr);
+  EXPECT_EQ(far.pending, nullptr);
+  EXPECT_EQ(expired.pending, nullptr);
+  timeouts_close(nullptr);
+}
+
+// Randomised comparison with a plain model: an ordered multimap from expiry to
+// record index for records waiting on the wheel, plus a count of records the
+// wheel has expired but not yet handed out.
+class ModelCheck {
+ public:
+  ModelCheck(std::uint64_t seed, std::size_t recordCount)
+      : rng_(seed),
+        records_(recordCount),
+        state_(recordCount, State::kIdle),
+        position_(recordCount),
+        wheel_(openWheel(kStart)),
+        now_(kStart) {
+    for (std::size_t i = 0; i < recordCount; ++i) {
+      timeout_init(&records_[i], TIMEOUT_ABS | static_cast<int>((i % 8) << 2));
+    }
+  }
+
+  ::testing::AssertionResult step() {
+    unsigned choice = random(100);
+    if (choice < 35) {
+      add(random(records_.size()), pickExpiry());
+    } else if (choice < 50) {
+      del(random(records_.size()));
+    } else {
+      update(pickUpdate());
+      if (random(100) < 60) {
+        if (auto result = drainAndCheck(); !result) {
+          return result;
+        }
+      }
+    }
+    return checkWheel();
+  }
+
+  ::testing::AssertionResult finish() {
+    update(kNever);
+    if (auto result = drainAndCheck(); !result) {
+      return result;
+    }
+    if (!waiting_.empty()) {
+      return ::testing::AssertionFailure() << waiting_.size() << " records never released";
+    }
+    return checkWheel();
+  }
+
+ private:
+  enum class State { kIdle, kWaiting, kExpired };
+  using Model = std::multimap<timeout_t, std::size_t>;
+
+  std::size_t random(std::size_t bound) { return rng_() % bound; }
+
+  // Mostly log-uniform distances from one tick to about four days, some at
+  // or before now, a few far beyond.
+  timeout_t pickExpiry() {
+    unsigned kind = random(100);
+    if (kind < 10) {
+      return now_ - random(1000);
+    }
+    if (kind < 13) {
+      return now_ + (timeout_t{1} << 30) + (rng_() >> (64 - 40));
+    }
+    return now_ + distance();
+  }
+
+  timeout_t distance() { return 1 + random(std::size_t{1} << random(26)); }
+
+  abstime_t pickUpdate() {
+    unsigned kind = random(100);
+    if (kind < 40) {
+      timeout_t wait = timeouts_timeout(wheel_.get());
+      return wait == kNever ? now_ + distance() : now_ + wait;
+    }
+    if (kind < 80) {
+      return now_ + random(70);
+    }
+    if (kind < 95) {
+      return now_ + distance();
+    }
+    if (kind < 99) {
+      return now_ + 1 + random(5 * kDay);
+    }
+    return now_ - random(100);  // backwards: ignored
+  }
+
+  void forget(std::size_t i) {
+    if (state_[i] == State::kWaiting) {
+      waiting_.erase(position_[i]);
+    } else if (state_[i] == State::kExpired) {
+      --expiredCount_;
+    }
+    state_[i] = State::kIdle;
+  }
+
+  void add(std::size_t i, timeout_t expires) {
+    timeouts_add(wheel_.get(), &records_[i], expires);
+    forget(i);
+    if (expires <= now_) {
+      state_[i] = State::kExpired;
+      ++expiredCount_;
+    } else {
+      state_[i] = State::kWaiting;
+      position_[i] = waiting_.emplace(expires, i);
+    }
+  }
+
+  void del(std::size_t i) {
+    timeouts_del(wheel_.get(), &records_[i]);
+    forget(i);
+  }
+
+  void update(abstime_t now) {
+    timeouts_update(wheel_.get(), now);
+    if (now <= now_) {
+      return;
+    }
+    now_ = now;
+    while (!waiting_.empty() && waiting_.begin()->first <= now_) {
+      state_[waiting_.begin()->second] = State::kExpired;
+      ++expiredCount_;
+      waiting_.erase(waiting_.begin());
+    }
+  }
+
+  ::testing::AssertionResult drainAndCheck() {
+    while (timeout* to = timeouts_get(wheel_.get())) {
+      auto i = static_cast<std::size_t>(to - records_.data());
+      if (i >= records_.size() || state_[i] != State::kExpired) {
+        return ::testing::AssertionFailure() << "record " << i << " handed out but not expired";
+      }
+      if (to->expires > now_) {
+        return ::testing::AssertionFailure() << "record " << i << " released early";
+      }
+      if (to->pending != nullptr) {
+        return ::testing::AssertionFailure() << "record " << i << " handed out still linked";
+      }
+      if (to->flags != (TIMEOUT_ABS | static_cast<int>((i % 8) << 2))) {
+        return ::testing::AssertionFailure() << "record " << i << " flags changed";
+      }
+      state_[i] = State::kIdle;
+      --expiredCount_;
+    }
+    if (expiredCount_ != 0) {
+      return ::testing::AssertionFailure() << expiredCount_ << " expired records lost";
+    }
+    return ::testing::AssertionSuccess();
+  }
+
+  ::testing::AssertionResult checkWheel() {
+    timeouts* T = wheel_.get();
+    if (timeouts_now(T) != now_) {
+      return ::testing::AssertionFailure() << "now " << timeouts_now(T) << " expected " << now_;
+    }
+    if (timeouts_expired(T) != (expiredCount_ != 0)) {
+      return ::testing::AssertionFailure() << "expired() disagrees, model has " << expiredCount_;
+    }
+    if (timeouts_pending(T) != !waiting_.empty()) {
+      return ::testing::AssertionFailure() << "pending() disagrees, model has " << waiting_.size();
+    }
+    timeout_t wait = timeouts_timeout(T);
+    if (expiredCount_ != 0) {
+      if (wait != 0) {
+        return ::testing::AssertionFailure() << "timeout " << wait << " with expired records";
+      }
+    } else if (waiting_.empty()) {
+      if (wait != kNever) {
+        return ::testing::AssertionFailure() << "timeout " << wait << " on an empty wheel";
+      }
+    } else if (wait == 0 || wait > waiting_.begin()->first - now_) {
+      return ::testing::AssertionFailure()
+             << "timeout " << wait << " but next expiry in " << waiting_.begin()->first - now_;
+    }
+    // Spot-check the pending invariant on a few records rather than all, to
+    // keep each step constant time.
+    for (int n = 0; n < 2; ++n) {
+      std::size_t i = random(records_.size());
+      if ((records_[i].pending == nullptr) != (state_[i] == State::kIdle)) {
+        return ::testing::AssertionFailure() << "record " << i << " pending pointer is wrong";
+      }
+    }
+    return ::testing::AssertionSuccess();
+  }
+
+  std::mt19937_64 rng_;
+  std::vector<timeout> records_;
+  std::vector<State> state_;
+  std::vector<Model::iterator> position_;  // valid while kWaiting
+  Model waiting_;
+  std::size_t expiredCount_ = 0;
+  Wheel wheel_;
+  abstime_t now_;
+};
+
+TEST(Timeouts, RandomOperationsMatchReferenceModel) {
+  // About 1.6 million operations normally. AddressSanitizer makes every list
+  // and map operation several times slower, so it runs a quarter of them
+  // (same seeds, shorter runs) to keep the suite within seconds.
+#if defined(__SANITIZE_ADDRESS__)
+  constexpr int kStepsPerSeed = 50'000;
+#else
+  constexpr int kStepsPerSeed = 200'000;
+#endif
+  const std::size_t recordCounts[] = {8, 300, 5000};
+  for (std::uint64_t seed = 1; seed <= 8; ++seed) {
+    const std::size_t recordCount = recordCounts[seed % std::size(recordCounts)];
+    SCOPED_TRACE(::testing::Message() << "seed " << seed << ", " << recordCount << " records");
+    ModelCheck check(seed, recordCount);
+    for (int i = 0; i < kStepsPerSeed; ++i) {
+      ASSERT_TRUE(check.step()) << "at step " << i;
+    }
+    ASSERT_TRUE(check.finish());
+  }
+}
+
+}  // namespace
