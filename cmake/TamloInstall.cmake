@@ -14,5 +14,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/TamloConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/TamloConfig.cmake ${PROJECT_BINARY_DIR}/TamloConfigVersion.cmake
   DESTINATION ${TAMLO_CMAKE_DIR})
 
+file(RELATIVE_PATH TAMLO_PC_TO_PREFIX
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tamlo.pc.in ${PROJECT_BINARY_DIR}/tamlo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tamlo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,11 +1,11 @@
 #include "TestSupport.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <poll.h>
-#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+#include <stdexcept>
 
 #include <Tamlo/Assert.h>
 
@@ -13,7 +13,9 @@ extern char** environ;
 
 namespace Tamlo::Test {
 
-std::string helperPath(std::string const& name) { return std::string(TAMLO_HELPER_DIR) + "/" + name; }
+std::string helperPath(std::string const& name) {
+  return std::string(TAMLO_HELPER_DIR) + "/" + name;
+}
 
 namespace {
 
@@ -102,7 +104,11 @@ ChildResult runHelper(std::string const& name, std::vector<std::string> const& a
   return result;
 }
 
-ThrowOnAssert::ThrowOnAssert() : previous_(throwOnAssertFail()) { throwOnAssertFailIs(true); }
-ThrowOnAssert::~ThrowOnAssert() { throwOnAssertFailIs(previous_); }
+ThrowOnAssert::ThrowOnAssert() : previous_(throwOnAssertFail()) {
+  throwOnAssertFailIs(true);
+}
+ThrowOnAssert::~ThrowOnAssert() {
+  throwOnAssertFailIs(previous_);
+}
 
 }  // namespace Tamlo::Test
