@@ -1,0 +1,162 @@
+#include <Tamlo/Random.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+using Tamlo::Random;
+using Tamlo::Test::runHelper;
+
+constexpr char characters[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+
+std::string seedLine(uint32_t seed) {
+  return "Tamlo::Random::setSeed(), setting seed to " + std::to_string(seed) + "\n";
+}
+
+// What randomString must produce right after srand(seed): the table has 62
+// characters and its terminating zero is index 62.
+std::string expectedString(uint32_t seed, unsigned length) {
+  std::srand(seed);
+  std::string text;
+  for (unsigned i = 0; i < length; ++i)
+    text.push_back(characters[std::rand() % 63]);
+  return text;
+}
+
+// The helper's stdout for `seed`, computed independently of the library.
+std::string expectedDraws(uint32_t seed) {
+  std::ostringstream out;
+  out << "seed " << seed << "\n";
+  std::mt19937_64 generator(seed);
+  for (int i = 0; i < 5; ++i)
+    out << generator() << "\n";
+  out << expectedString(seed, 1000);
+  return out.str();
+}
+
+void setSeedQuietly() {
+  testing::internal::CaptureStderr();
+  Random::setSeed();
+  testing::internal::GetCapturedStderr();
+}
+
+TEST(RandomTest, SetSeedPrintsTheSeedAndRestartsTheSequence) {
+  testing::internal::CaptureStderr();
+  Random::setSeed();
+  uint32_t const seed = Random::getSeed();
+  std::vector<uint64_t> first;
+  for (int i = 0; i < 4; ++i)
+    first.push_back(Random::rand64());
+  Random::setSeed();  // the same seed again, not a new one
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), seedLine(seed) + seedLine(seed));
+  EXPECT_EQ(Random::getSeed(), seed);
+
+  std::mt19937_64 reference(seed);
+  for (uint64_t value : first)
+    EXPECT_EQ(value, reference());
+  reference.seed(seed);
+  EXPECT_EQ(Random::rand64(), reference());
+}
+
+TEST(RandomTest, RandomStringDrawsFromTheTableAndItsTerminator) {
+  setSeedQuietly();
+  EXPECT_EQ(Random::randomString(0), "");
+  std::string const text = Random::randomString(5000);
+  EXPECT_EQ(text, expectedString(Random::getSeed(), 5000));
+  EXPECT_EQ(text.size(), 5000u);
+  for (char c : text)
+    ASSERT_TRUE(c == '\0' || std::string(characters).find(c) != std::string::npos) << int(c);
+}
+
+TEST(RandomTest, ConcurrentDrawsShareOneSequenceWithoutLosses) {
+  setSeedQuietly();
+  constexpr int threads = 4;
+  constexpr int perThread = 2000;
+  std::vector<std::vector<uint64_t>> drawn(threads);
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t)
+    workers.emplace_back([&drawn, t] {
+      for (int i = 0; i < perThread; ++i)
+        drawn[t].push_back(Random::rand64());
+    });
+  for (auto& worker : workers)
+    worker.join();
+
+  std::vector<uint64_t> all;
+  for (auto const& values : drawn)
+    all.insert(all.end(), values.begin(), values.end());
+  std::vector<uint64_t> expected;
+  std::mt19937_64 reference(Random::getSeed());
+  for (int i = 0; i < threads * perThread; ++i)
+    expected.push_back(reference());
+  std::sort(all.begin(), all.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(all, expected);
+}
+
+TEST(RandomTest, EnvironmentSeedRepeatsARun) {
+  auto const first = runHelper("RandomHelper", {"sequence"}, {"QZTEST_RANDSEED=42"});
+  auto const second = runHelper("RandomHelper", {"sequence"}, {"QZTEST_RANDSEED=42"});
+  for (auto const* run : {&first, &second}) {
+    EXPECT_EQ(run->exitCode, 0);
+    EXPECT_EQ(run->err, "Tamlo::Random::setSeed(), setting seed to 42\n");
+    EXPECT_EQ(run->out, expectedDraws(42));
+  }
+  EXPECT_EQ(first.out, second.out);
+  // The intended zero bytes are really there (1000 draws at 1 in 63).
+  EXPECT_NE(first.out.find('\0'), std::string::npos);
+
+  auto const other = runHelper("RandomHelper", {"sequence"}, {"QZTEST_RANDSEED=4294967295"});
+  EXPECT_EQ(other.err, "Tamlo::Random::setSeed(), setting seed to 4294967295\n");
+  EXPECT_EQ(other.out, expectedDraws(4294967295u));
+}
+
+TEST(RandomTest, FirstDrawSeedsAndPrintsOnce) {
+  auto const run = runHelper("RandomHelper", {"implicit"}, {"QZTEST_RANDSEED=7"});
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.err, "Tamlo::Random::setSeed(), setting seed to 7\n");
+  EXPECT_EQ(run.out, expectedDraws(7));
+}
+
+TEST(RandomTest, ReseedingKeepsTheChosenSeed) {
+  auto const run = runHelper("RandomHelper", {"reseed"}, {"QZTEST_RANDSEED=1234"});
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.err, seedLine(1234) + seedLine(1234));
+  std::string const value = std::to_string(std::mt19937_64(1234)());
+  EXPECT_EQ(run.out, value + "\n" + value + "\n");
+}
+
+TEST(RandomTest, WithoutTheVariableTheSeedComesFromTheClock) {
+  auto const run = runHelper("RandomHelper", {"sequence"}, {}, {"QZTEST_RANDSEED"});
+  ASSERT_EQ(run.exitCode, 0);
+  std::string const prefix = "seed ";
+  ASSERT_EQ(run.out.compare(0, prefix.size(), prefix), 0) << run.out;
+  uint32_t const seed = static_cast<uint32_t>(std::stoul(run.out.substr(prefix.size())));
+  EXPECT_LT(seed, 1000000000u);  // the nanoseconds field of a timespec
+  EXPECT_EQ(run.err, seedLine(seed));
+  EXPECT_EQ(run.out, expectedDraws(seed));
+}
+
+TEST(RandomTest, MalformedSeedIsRejectedWithTheValue) {
+  for (std::string value : {"abc", "", "-1", "42x", " 42", "4294967296", "99999999999999999999"}) {
+    SCOPED_TRACE(value);
+    auto const run = runHelper("RandomHelper", {"sequence"}, {"QZTEST_RANDSEED=" + value});
+    EXPECT_EQ(run.exitCode, 3);
+    EXPECT_EQ(run.out, "Tamlo::InvalidInitializeException(\"QZTEST_RANDSEED='" + value +
+                           "' is not a decimal number from 0 to 4294967295\")\n");
+    EXPECT_EQ(run.err, "");
+  }
+}
+
+}  // namespace
