@@ -1,17 +1,19 @@
 #include <Tamlo/ForkHandler.h>
 
+#include <pthread.h>
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
-#include <pthread.h>
 
 #include <Tamlo/Errno.h>
 
 namespace Tamlo::Platform {
 
 namespace {
-// Written in the child right after fork, while it has one thread.
-bool forkedChild_ = false;
+// Written in the child right after fork, while it has one thread; atomic only
+// so that later reads and writes from several threads are not a data race.
+std::atomic<bool> forkedChild_{false};
 }  // namespace
 
 void setupHandler() {
@@ -24,8 +26,14 @@ void setupHandler() {
   assert(false && "Failed to register Tamlo atfork handler");
 }
 
-void handleFork() { forkedChild_ = true; }
-bool isForkedChild() { return forkedChild_; }
-void forkedChildIs(bool forkedChild) { forkedChild_ = forkedChild; }
+void handleFork() {
+  forkedChild_.store(true, std::memory_order_relaxed);
+}
+bool isForkedChild() {
+  return forkedChild_.load(std::memory_order_relaxed);
+}
+void forkedChildIs(bool forkedChild) {
+  forkedChild_.store(forkedChild, std::memory_order_relaxed);
+}
 
 }  // namespace Tamlo::Platform

@@ -5,9 +5,13 @@
 namespace Tamlo::Platform {
 
 // Registers handleFork as the child-side pthread_atfork handler; called once
-// at load. Aborts when registration fails.
+// at load. Prints the reason on standard error and aborts when registration
+// fails.
 void setupHandler();
+// The child-side handler: marks this process as a forked child.
 void handleFork();
+// True in every child forked (through fork(), not vfork or posix_spawn)
+// after load, until forkedChildIs(false). Any thread may read and set it.
 bool isForkedChild();
 void forkedChildIs(bool forkedChild);
 
