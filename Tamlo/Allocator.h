@@ -14,13 +14,14 @@
 namespace Tamlo {
 
 // Hooks called on every tracked allocation. They do nothing in this library
-// and must stay cheap; a heap checker may be built on them.
+// and must stay cheap (inline, empty, noexcept: they compile to nothing); a
+// heap checker may be built on them.
 struct MemTrack {
   static void alloc(void* /*tracker*/, std::type_info const* /*type*/, size_t /*size*/,
-                    size_t /*count*/) {}
-  static void alloc(void* /*tracker*/, size_t /*size*/) {}
-  static void dealloc(void* /*tracker*/, size_t /*size*/) {}
-  static void trackerIs(void* /*tracker*/) {}
+                    size_t /*count*/) noexcept {}
+  static void alloc(void* /*tracker*/, size_t /*size*/) noexcept {}
+  static void dealloc(void* /*tracker*/, size_t /*size*/) noexcept {}
+  static void trackerIs(void* /*tracker*/) noexcept {}
 };
 
 // Process-wide totals of what went through Allocator.
@@ -55,6 +56,8 @@ class Allocator {
   Allocator(Allocator<U> const&) noexcept {}
 
   T* allocate(size_t count) {
+    if (count > SIZE_MAX / sizeof(T))
+      throw std::bad_array_new_length();
     size_t const bytes = count * sizeof(T);
     T* const memory = static_cast<T*>(::operator new(bytes, std::align_val_t(alignof(T))));
     MemTrack::alloc(nullptr, &typeid(T), sizeof(T), count);
