@@ -37,7 +37,7 @@ abstime_t digitsAbove(abstime_t tick, int wheel) {
 
 }  // namespace
 
-// A wheel: the current tick, one list per slot with one occupancy bit each,
+// All wheels together: the current tick, one list per slot with one occupancy bit each,
 // and the FIFO of expired records. The bit of a slot is set exactly when its
 // list is non-empty.
 struct timeouts {

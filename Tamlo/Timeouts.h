@@ -32,16 +32,16 @@ struct timeouts;
 
 // Links of a record within a timeout_list; both null while on no list.
 struct timeout_link {
-  struct timeout* tqe_next;
-  struct timeout* tqe_prev;
+  struct timeout* tqe_next;  // The next record, or null at the tail.
+  struct timeout* tqe_prev;  // The previous record, or null at the head.
 };
 
 // Head of a doubly linked FIFO of records. A zero-initialised head is an
 // empty list, and an empty head may be copied or moved freely; a non-empty
 // one must stay where it is, since its records point back at it.
 struct timeout_list {
-  struct timeout* tqh_first;
-  struct timeout* tqh_last;
+  struct timeout* first;  // Null when empty.
+  struct timeout* last;   // Null when empty.
 };
 
 // One timer record, owned by the caller and linked into the wheel while
@@ -105,23 +105,23 @@ timeout_t timeouts_timeout(const struct timeouts* T) noexcept;
 // the records are off the wheel. The wheel uses them for its own lists too.
 
 inline bool timeout_list_empty(const struct timeout_list* list) noexcept {
-  return list->tqh_first == nullptr;
+  return list->first == nullptr;
 }
 
 inline struct timeout* timeout_list_first(const struct timeout_list* list) noexcept {
-  return list->tqh_first;
+  return list->first;
 }
 
 // Appends `to`, which must be on no list, and sets `to->pending` to `list`.
 inline void timeout_list_push_back(struct timeout_list* list, struct timeout* to) noexcept {
   to->tqe.tqe_next = nullptr;
-  to->tqe.tqe_prev = list->tqh_last;
-  if (list->tqh_last != nullptr) {
-    list->tqh_last->tqe.tqe_next = to;
+  to->tqe.tqe_prev = list->last;
+  if (list->last != nullptr) {
+    list->last->tqe.tqe_next = to;
   } else {
-    list->tqh_first = to;
+    list->first = to;
   }
-  list->tqh_last = to;
+  list->last = to;
   to->pending = list;
 }
 
@@ -135,12 +135,12 @@ inline void timeout_list_remove(struct timeout* to) noexcept {
   if (prev != nullptr) {
     prev->tqe.tqe_next = next;
   } else {
-    list->tqh_first = next;
+    list->first = next;
   }
   if (next != nullptr) {
     next->tqe.tqe_prev = prev;
   } else {
-    list->tqh_last = prev;
+    list->last = prev;
   }
   to->tqe.tqe_next = nullptr;
   to->tqe.tqe_prev = nullptr;

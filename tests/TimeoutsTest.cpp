@@ -32,6 +32,8 @@ Wheel openWheel(abstime_t now) {
   return T;
 }
 
+// Tests that leave records on a wheel declare them before the wheel, so that
+// closing the wheel, which takes its records off, finds them still alive.
 timeout makeRecord(int flags = TIMEOUT_ABS) {
   timeout to;
   timeout_init(&to, flags);
@@ -162,8 +164,8 @@ TEST(Timeouts, DeleteExpiredRecordBeforeGet) {
 }
 
 TEST(Timeouts, DeleteOfRecordOffTheWheelIsHarmless) {
-  Wheel T = openWheel(kStart);
   timeout never = makeRecord(), got = makeRecord(), other = makeRecord();
+  Wheel T = openWheel(kStart);
   timeouts_add(T.get(), &other, kStart + 3);
   timeouts_del(T.get(), &never);
   timeouts_add(T.get(), &got, kStart);
@@ -261,14 +263,14 @@ TEST(Timeouts, CallerMayChainRecordsWhileOffTheWheel) {
   EXPECT_EQ(timeout_list_first(&mine), &c);
   timeout_list_remove(&c);
   EXPECT_TRUE(timeout_list_empty(&mine));
-  EXPECT_EQ(mine.tqh_last, nullptr);
+  EXPECT_EQ(mine.last, nullptr);
   timeouts_update(T.get(), kStart + 2);
   EXPECT_EQ(drain(T.get()), (Records{&b}));
 }
 
 TEST(Timeouts, TimeoutIsZeroWhileAnythingIsExpired) {
-  Wheel T = openWheel(kStart);
   timeout soon = makeRecord(), done = makeRecord();
+  Wheel T = openWheel(kStart);
   timeouts_add(T.get(), &soon, kStart + 1);
   timeouts_add(T.get(), &done, kStart);
   EXPECT_EQ(timeouts_timeout(T.get()), 0u);
@@ -352,8 +354,8 @@ TEST(Timeouts, JumpsPastTheEndOfLowerWheels) {
 }
 
 TEST(Timeouts, LastTickIsReachable) {
-  Wheel T = openWheel(kStart);
   timeout last = makeRecord();
+  Wheel T = openWheel(kStart);
   timeouts_add(T.get(), &last, kNever);
   EXPECT_TRUE(timeouts_pending(T.get()));
   timeouts_update(T.get(), kNever - 1);
@@ -380,8 +382,8 @@ TEST(Timeouts, ExpiredRecordsComeOutInOrderOfExpiring) {
 }
 
 TEST(Timeouts, RelativeExpiryCountsFromCurrentTick) {
-  Wheel T = openWheel(kStart);
   timeout to = makeRecord(0), forever = makeRecord(0);
+  Wheel T = openWheel(kStart);
   timeouts_add(T.get(), &to, 30);
   EXPECT_EQ(to.expires, kStart + 30);
   EXPECT_LE(timeouts_timeout(T.get()), 30u);
