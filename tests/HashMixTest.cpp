@@ -114,20 +114,6 @@ TEST(HashMixTest, EveryLengthAndAlignmentMatchesTheReference) {
   }
 }
 
-TEST(HashMixTest, StringAndPointerFormsAgree) {
-  std::string const withZero("ab\0cdefghi", 10);
-  EXPECT_EQ(Tamlo::Util::hash(withZero), Tamlo::Util::hash(withZero.data(), 10));
-  EXPECT_EQ(Tamlo::Util::hash64(withZero), Tamlo::Util::hash64(withZero.data(), 10));
-  EXPECT_EQ(Tamlo::Util::hash(withZero),
-            referenceHash<uint32_t>(bytesOf(withZero), basis32, prime32));
-
-  HashMix<uint64_t> fromString;
-  fromString.mix(withZero);
-  HashMix<uint64_t> fromPointer;
-  fromPointer.mix(withZero.data(), withZero.size());
-  EXPECT_EQ(fromString.value(), fromPointer.value());
-}
-
 TEST(HashMixTest, MixingContinuesFromTheCurrentValue) {
   // Splitting on a word boundary changes nothing...
   HashMix<uint32_t> split;

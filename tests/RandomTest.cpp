@@ -129,14 +129,6 @@ TEST(RandomTest, FirstDrawSeedsAndPrintsOnce) {
   EXPECT_EQ(run.out, expectedDraws(7));
 }
 
-TEST(RandomTest, ReseedingKeepsTheChosenSeed) {
-  auto const run = runHelper("RandomHelper", {"reseed"}, {"QZTEST_RANDSEED=1234"});
-  EXPECT_EQ(run.exitCode, 0);
-  EXPECT_EQ(run.err, seedLine(1234) + seedLine(1234));
-  std::string const value = std::to_string(std::mt19937_64(1234)());
-  EXPECT_EQ(run.out, value + "\n" + value + "\n");
-}
-
 TEST(RandomTest, WithoutTheVariableTheSeedComesFromTheClock) {
   auto const run = runHelper("RandomHelper", {"sequence"}, {}, {"QZTEST_RANDSEED"});
   ASSERT_EQ(run.exitCode, 0);

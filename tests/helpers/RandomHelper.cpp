@@ -3,7 +3,6 @@
 //   RandomHelper sequence  setSeed(), then the seed, five rand64() values and
 //                          a 1000-character randomString() on stdout
 //   RandomHelper implicit  the same without calling setSeed() first
-//   RandomHelper reseed    two rand64() values, each right after setSeed()
 #include <Tamlo/Exception.h>
 #include <Tamlo/Random.h>
 
@@ -32,12 +31,6 @@ int main(int argc, char** argv) {
       printDraws();
     } else if (std::strcmp(argv[1], "implicit") == 0) {
       printDraws();
-    } else if (std::strcmp(argv[1], "reseed") == 0) {
-      Tamlo::Random::setSeed();
-      unsigned long long const first = Tamlo::Random::rand64();
-      Tamlo::Random::setSeed();
-      unsigned long long const second = Tamlo::Random::rand64();
-      std::printf("%llu\n%llu\n", first, second);
     } else {
       return 2;
     }
