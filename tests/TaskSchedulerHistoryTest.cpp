@@ -1,0 +1,391 @@
+// The scheduler history: what the ring keeps, its exact text rendering to
+// each destination, capacity changes, and that recording never allocates.
+#include "Tamlo/TaskSchedulerHistory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <iterator>
+#include <new>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Tamlo/Exception.h"
+#include "TestSupport.h"
+
+// Every allocation of this test program is counted, so a test can show that
+// a stretch of code allocates nothing at all.
+namespace {
+std::atomic<size_t> allocationCount{0};
+
+void* countedAllocation(std::size_t size, std::size_t alignment) {
+  allocationCount.fetch_add(1, std::memory_order_relaxed);
+  size = size == 0 ? 1 : size;
+  void* memory =
+      alignment <= alignof(std::max_align_t)
+          ? std::malloc(size)
+          : std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+}  // namespace
+
+void* operator new(std::size_t size) {
+  return countedAllocation(size, 0);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return countedAllocation(size, static_cast<std::size_t>(alignment));
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+  std::free(memory);
+}
+
+namespace Tamlo {
+namespace {
+
+using EventType = TaskSchedulerHistory::EventType;
+using std::chrono::nanoseconds;
+using testing::EndsWith;
+
+TaskTimePoint at(int64_t ns) {
+  return TaskTimePoint(nanoseconds(ns));
+}
+
+std::string assertionText(std::function<void()> const& body) {
+  Test::ThrowOnAssert throwing;
+  try {
+    body();
+  } catch (AssertException const& e) {
+    return e.message();
+  }
+  ADD_FAILURE() << "no assertion failure";
+  return {};
+}
+
+std::string readAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = ::read(fd, buffer, sizeof buffer)) > 0) {
+    text.append(buffer, static_cast<size_t>(got));
+  }
+  return text;
+}
+
+class TaskSchedulerHistoryTest : public testing::Test {
+ protected:
+  // Five events into a ring of four: the oldest, "create", is overwritten.
+  void recordKnownSequence() {
+    history_.insertTaskEvent(at(1'000'000'000'000), EventType::create, reader_);
+    history_.insertTaskEvent(at(1'000'000'001'500), EventType::schedule, reader_);
+    history_.insertSchedulerEvent(at(1'000'000'003'000), EventType::schedulerRunnable, main_);
+    history_.insertTaskEvent(at(1'000'000'010'000), EventType::runStart, reader_);
+    history_.insertTaskEvent(at(1'000'002'510'999), EventType::runEnd, reader_);
+  }
+
+  static constexpr char const* knownSequenceText =
+      "Last 4 scheduler events, absolute timestamp and relative to last event\n"
+      "----------------------------------------------------------------------\n"
+      "         1000002510999 ns since boot          0 \xc2\xb5s run end      N reader\n"
+      "         1000000010000 ns since boot       2500 \xc2\xb5s run start    N reader\n"
+      "         1000000003000 ns since boot       2507 \xc2\xb5s schedulerRunnable main\n"
+      "         1000000001500 ns since boot       2509 \xc2\xb5s schedule     N reader\n"
+      "\n";
+
+  // Inserts `count` events one microsecond apart, named "N t<i>".
+  void insertNumbered(int count) {
+    for (int i = 0; i < count; ++i) {
+      ConstStringRef const name = history_.stringCache().intern("N t" + std::to_string(i));
+      history_.insertTaskEvent(at(1'000'000 + i * 1000), EventType::schedule, name);
+    }
+  }
+
+  std::vector<std::string> storedNames() const {
+    std::vector<std::string> names;
+    for (size_t i = 0; i < history_.eventCount(); ++i) {
+      names.push_back(history_.event(i).name().text());
+    }
+    return names;
+  }
+
+  TaskSchedulerHistory history_{4};
+  ConstStringRef reader_ = history_.stringCache().intern("N reader");
+  ConstStringRef main_ = history_.stringCache().intern("main");
+};
+
+// ---------------------------------------------------------------- contents
+
+TEST_F(TaskSchedulerHistoryTest, KeepsTheNewestEventsNewestFirst) {
+  EXPECT_EQ(history_.entryCount(), 4u);
+  EXPECT_EQ(history_.eventCount(), 0u);
+  recordKnownSequence();
+  ASSERT_EQ(history_.eventCount(), 4u);
+  EXPECT_EQ(history_.event(0).eventType(), EventType::runEnd);
+  EXPECT_EQ(history_.event(0).time(), at(1'000'002'510'999));
+  EXPECT_EQ(history_.event(0).name().elem(), reader_.elem());
+  EXPECT_EQ(history_.event(2).eventType(), EventType::schedulerRunnable);
+  EXPECT_EQ(history_.event(2).name(), main_);
+  EXPECT_EQ(history_.event(3).eventType(), EventType::schedule);
+  EXPECT_THROW(history_.event(4), std::out_of_range);
+}
+
+TEST_F(TaskSchedulerHistoryTest, EventsHoldNameReferencesUntilOverwrittenOrCleared) {
+  recordKnownSequence();
+  // Ours plus the three reader events still in the ring.
+  EXPECT_EQ(history_.stringCache().refCount("N reader"), 4u);
+  {
+    ConstStringRef const gone = history_.stringCache().intern("N gone");
+    history_.insertTaskEvent(at(1), EventType::idle, gone);
+  }
+  EXPECT_EQ(history_.stringCache().refCount("N gone"), 1u);
+  insertNumbered(4);
+  EXPECT_EQ(history_.stringCache().refCount("N gone"), 0u);
+  EXPECT_EQ(history_.stringCache().refCount("N reader"), 1u);
+  EXPECT_EQ(history_.stringCache().refCount("N t0"), 1u);
+
+  history_.clear();
+  EXPECT_EQ(history_.eventCount(), 0u);
+  EXPECT_EQ(history_.entryCount(), 4u);
+  EXPECT_EQ(history_.stringCache().refCount("N t0"), 0u);
+  EXPECT_EQ(history_.stringCache().size(), 2u);  // our reader_ and main_
+}
+
+TEST_F(TaskSchedulerHistoryTest, EveryEventTypeHasItsDisplayText) {
+  char const* const displays[] = {"schedule",
+                                  "unschedule",
+                                  "run start",
+                                  "run end",
+                                  "timerStart",
+                                  "timerStop",
+                                  "suspendOn",
+                                  "suspendOff",
+                                  "scheduleSus",
+                                  "frcYieldOn",
+                                  "frcYieldOff",
+                                  "idle",
+                                  "busy",
+                                  "create",
+                                  "delete",
+                                  "fdReadable",
+                                  "fdWritable",
+                                  "schedulerIdle",
+                                  "schedulerRunnable",
+                                  "schedulerSuspended",
+                                  "schedulerUnsuspended",
+                                  "schedulerRunIgnoredWhileSuspended",
+                                  "schedulerVirtualTimeOn",
+                                  "schedulerVirtualTimeOff",
+                                  "schedulerTestYieldRatioOn",
+                                  "schedulerTestYieldRatioOff"};
+  for (uint8_t type = 0; type < std::size(displays); ++type) {
+    EXPECT_EQ(TaskSchedulerHistory::eventTypeDisplay(EventType(type)), displays[type]);
+  }
+  EXPECT_THAT(assertionText([] { TaskSchedulerHistory::eventTypeDisplay(EventType(26)); }),
+              EndsWith("unexpected eventType 26"));
+}
+
+TEST_F(TaskSchedulerHistoryTest, EventDisplayPadsTheTypeToTwelve) {
+  TaskSchedulerHistory::Event const idle(EventType::idle, at(0), reader_);
+  EXPECT_EQ(idle.display(), "idle         N reader");
+  TaskSchedulerHistory::Event const exact(EventType::frcYieldOff, at(0), reader_);
+  EXPECT_EQ(exact.display(), "frcYieldOff  N reader");
+  TaskSchedulerHistory::Event const longer(EventType::schedulerVirtualTimeOff, at(0), main_);
+  EXPECT_EQ(longer.display(), "schedulerVirtualTimeOff main");
+  TaskSchedulerHistory::Event const unnamed(EventType::busy, at(0), ConstStringRef());
+  EXPECT_EQ(unnamed.display(), "busy         ");
+}
+
+TEST_F(TaskSchedulerHistoryTest, EventsOfTheWrongKindAreAssertionFailures) {
+  EXPECT_THAT(
+      assertionText([&] { history_.insertTaskEvent(at(0), EventType::schedulerIdle, reader_); }),
+      EndsWith("EventType: 17"));
+  EXPECT_THAT(assertionText([&] { history_.insertTaskEvent(at(0), EventType(26), reader_); }),
+              EndsWith("unexpected eventType=26"));
+  EXPECT_THAT(
+      assertionText([&] { history_.insertSchedulerEvent(at(0), EventType::fdWritable, main_); }),
+      EndsWith("EventType: 16"));
+  EXPECT_THAT(assertionText([&] { history_.insertSchedulerEvent(at(0), EventType(200), main_); }),
+              EndsWith("unexpected eventType=200"));
+  EXPECT_EQ(history_.eventCount(), 0u);
+}
+
+// ---------------------------------------------------------------- capacity
+
+TEST_F(TaskSchedulerHistoryTest, ShrinkingKeepsTheNewest) {
+  insertNumbered(4);
+  history_.entryCountIs(2);
+  EXPECT_EQ(history_.entryCount(), 2u);
+  EXPECT_THAT(storedNames(), testing::ElementsAre("N t3", "N t2"));
+  EXPECT_EQ(history_.stringCache().refCount("N t1"), 0u);
+  insertNumbered(1);
+  EXPECT_THAT(storedNames(), testing::ElementsAre("N t0", "N t3"));
+}
+
+TEST_F(TaskSchedulerHistoryTest, GrowingKeepsEverythingAndMakesRoom) {
+  insertNumbered(3);
+  history_.entryCountIs(3);  // no change
+  history_.entryCountIs(6);
+  EXPECT_EQ(history_.entryCount(), 6u);
+  EXPECT_THAT(storedNames(), testing::ElementsAre("N t2", "N t1", "N t0"));
+  ConstStringRef const extra = history_.stringCache().intern("N extra");
+  for (int i = 0; i < 4; ++i) {
+    history_.insertTaskEvent(at(9'000'000 + i), EventType::busy, extra);
+  }
+  EXPECT_THAT(storedNames(),
+              testing::ElementsAre("N extra", "N extra", "N extra", "N extra", "N t2", "N t1"));
+}
+
+TEST_F(TaskSchedulerHistoryTest, CapacityZeroRecordsNothing) {
+  history_.entryCountIs(0);
+  history_.insertTaskEvent(at(5), EventType::schedule, reader_);
+  EXPECT_EQ(history_.eventCount(), 0u);
+  EXPECT_EQ(history_.stringCache().refCount("N reader"), 1u);
+  EXPECT_EQ(history_.renderTextForDebugToString(),
+            "Last 0 scheduler events, absolute timestamp and relative to last event\n"
+            "----------------------------------------------------------------------\n"
+            "\n");
+}
+
+// ---------------------------------------------------------------- rendering
+
+TEST_F(TaskSchedulerHistoryTest, RendersTheKnownSequenceExactly) {
+  recordKnownSequence();
+  EXPECT_EQ(history_.renderTextForDebugToString(), knownSequenceText);
+  std::ostringstream os;
+  history_.renderTextForDebug(os);
+  EXPECT_EQ(os.str(), knownSequenceText);
+}
+
+TEST_F(TaskSchedulerHistoryTest, HeaderNamesTheCapacityNotTheCount) {
+  TaskSchedulerHistory history(100);
+  ConstStringRef const name = history.stringCache().intern("L job");
+  for (int i = 0; i < 3; ++i) {
+    history.insertTaskEvent(at(2000 * i), EventType::schedule, name);
+  }
+  std::string const text = history.renderTextForDebugToString();
+  EXPECT_THAT(text, testing::StartsWith("Last 100 scheduler events,"));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2 + 3 + 1);
+  EXPECT_THAT(text,
+              testing::HasSubstr("                  4000 ns since boot          0 \xc2\xb5s "
+                                 "schedule     L job\n"
+                                 "                  2000 ns since boot          2 \xc2\xb5s "));
+}
+
+TEST_F(TaskSchedulerHistoryTest, AFullRingOfOneHundredShowsTheNewestHundred) {
+  TaskSchedulerHistory history(100);
+  for (int i = 0; i < 150; ++i) {
+    ConstStringRef const name = history.stringCache().intern("N t" + std::to_string(i));
+    history.insertTaskEvent(at(1'000'000 + i * 1000), EventType::runStart, name);
+  }
+  std::istringstream lines(history.renderTextForDebugToString());
+  std::string line;
+  std::getline(lines, line);
+  EXPECT_EQ(line, "Last 100 scheduler events, absolute timestamp and relative to last event");
+  std::getline(lines, line);
+  for (int shown = 0; shown < 100; ++shown) {
+    int const i = 149 - shown;
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(line, fmt::format("{:>22} ns since boot {:>10} \xc2\xb5s run start    N t{}",
+                                1'000'000 + i * 1000, shown, i));
+  }
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_EQ(line, "");
+  EXPECT_FALSE(std::getline(lines, line));
+  EXPECT_EQ(history.stringCache().size(), 100u);
+}
+
+TEST_F(TaskSchedulerHistoryTest, RelativeColumnTruncatesTowardZero) {
+  history_.insertTaskEvent(at(10'000), EventType::schedule, reader_);
+  // Out of order: an event stamped before the one already stored.
+  history_.insertTaskEvent(at(8'001), EventType::unschedule, reader_);
+  EXPECT_THAT(history_.renderTextForDebugToString(),
+              testing::HasSubstr("                 10000 ns since boot         -1 \xc2\xb5s "));
+}
+
+TEST_F(TaskSchedulerHistoryTest, RendersToADescriptorAndLeavesItOpen) {
+  recordKnownSequence();
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  EXPECT_TRUE(history_.renderTextForDebug(fds[1]));
+  EXPECT_NE(::fcntl(fds[1], F_GETFD), -1);
+  ASSERT_EQ(::write(fds[1], "end", 3), 3);
+  ::close(fds[1]);
+  EXPECT_EQ(readAll(fds[0]), std::string(knownSequenceText) + "end");
+  ::close(fds[0]);
+}
+
+TEST_F(TaskSchedulerHistoryTest, RendersALargeRingToAMemoryFile) {
+  TaskSchedulerHistory history(1000);
+  ConstStringRef const name = history.stringCache().intern("S scavenger");
+  for (int i = 0; i < 1000; ++i) {
+    history.insertTaskEvent(at(i), EventType::idle, name);
+  }
+  int const fd = ::memfd_create("history", MFD_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  EXPECT_TRUE(history.renderTextForDebug(fd));
+  ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
+  EXPECT_EQ(readAll(fd), history.renderTextForDebugToString());
+  ::close(fd);
+}
+
+TEST_F(TaskSchedulerHistoryTest, ReportsADescriptorItCouldNotWrite) {
+  recordKnownSequence();
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  ::close(fds[1]);
+  EXPECT_FALSE(history_.renderTextForDebug(fds[1]));
+  ::close(fds[0]);
+}
+
+TEST_F(TaskSchedulerHistoryTest, RendersToStandardError) {
+  recordKnownSequence();
+  testing::internal::CaptureStderr();
+  history_.renderTextForDebugStdErr();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), knownSequenceText);
+}
+
+// ---------------------------------------------------------------- allocation
+
+TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {
+  TaskSchedulerHistory history(64);
+  ConstStringRef const task = history.stringCache().intern("H a task with a long name, not SSO");
+  ConstStringRef const scheduler = history.stringCache().intern("a scheduler with a long name");
+  size_t const before = allocationCount.load();
+  // Filling the ring, then wrapping around it several times.
+  for (int i = 0; i < 64 * 5; ++i) {
+    history.insertTaskEvent(at(i), EventType::runStart, task);
+    history.insertSchedulerEvent(at(i), EventType::schedulerIdle, scheduler);
+  }
+  size_t const after = allocationCount.load();
+  EXPECT_EQ(after - before, 0u);
+  EXPECT_EQ(history.eventCount(), 64u);
+  EXPECT_EQ(history.stringCache().refCount("H a task with a long name, not SSO"), 33u);
+  // The counter does see allocations.
+  EXPECT_GT(history.renderTextForDebugToString().size(), 0u);
+  EXPECT_GT(allocationCount.load(), after);
+}
+
+}  // namespace
+}  // namespace Tamlo
