@@ -1,0 +1,592 @@
+#include <Tamlo/EventBaseTimers.h>
+#include <Tamlo/Exception.h>
+#include <Tamlo/LibeventFactory.h>
+#include <Tamlo/Platform.h>
+#include <Tamlo/Thread.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+using namespace Tamlo::Platform;
+using ::testing::HasSubstr;
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+template <typename Fn>
+std::string assertionText(Fn&& fn) {
+  try {
+    fn();
+  } catch (Tamlo::AssertException const& e) {
+    return e.message();
+  }
+  return "(no assertion)";
+}
+
+// Records its timeouts in a shared journal; may throw, claim, re-arm.
+struct RecordingTimer : TimeoutHandler {
+  RecordingTimer(std::vector<std::string>* journal, std::string name)
+      : journal_(journal), name_(std::move(name)) {}
+  void timeout() override {
+    ++fired_;
+    if (journal_)
+      journal_->push_back(name_);
+    if (throws_)
+      throw std::runtime_error(name_ + " failed");
+  }
+  bool handleTimeoutException() override {
+    ++offered_;
+    return claims_;
+  }
+  std::vector<std::string>* journal_;
+  std::string name_;
+  int fired_ = 0;
+  int offered_ = 0;
+  bool throws_ = false;
+  bool claims_ = false;
+};
+
+struct RecordingCallback : CallbackHandler {
+  void callback() override {
+    ++called_;
+    if (rerequests_ > 0) {
+      --rerequests_;
+      control_->requestCallback();
+    }
+    if (throws_)
+      throw std::logic_error("callback failed");
+  }
+  bool handleCallbackException() override {
+    ++offered_;
+    return claims_;
+  }
+  CallbackControl* control_ = nullptr;
+  int called_ = 0;
+  int offered_ = 0;
+  int rerequests_ = 0;
+  bool throws_ = false;
+  bool claims_ = false;
+};
+
+struct RecordingFd : FdEventHandler {
+  void readFdEvent(int fd) override {
+    char buffer[16];
+    while (::read(fd, buffer, sizeof buffer) > 0)
+      ++bytesRead_;
+    ++reads_;
+    if (throws_)
+      throw std::runtime_error("read failed");
+  }
+  void writeFdEvent(int fd) override {
+    lastFd_ = fd;
+    ++writes_;
+  }
+  bool handleFdException(int fd) override {
+    lastFd_ = fd;
+    ++offered_;
+    return claims_;
+  }
+  int reads_ = 0;
+  int writes_ = 0;
+  int bytesRead_ = 0;
+  int offered_ = 0;
+  int lastFd_ = -1;
+  bool throws_ = false;
+  bool claims_ = false;
+};
+
+// One loop pass that serves whatever is ready now.
+void runOnePass() {
+  Tamlo::eventLoopTimeout(0.0);
+}
+
+// ---- Timers ----
+
+TEST(LibeventTimerControlTest, FiresOnceThenIsIdle) {
+  RecordingTimer handler(nullptr, "t");
+  auto const timer = getTimerControl(&handler);
+  EXPECT_EQ(timer->remainingTimeout(), infinity);
+  timer->setTimeout(0.0);
+  EXPECT_EQ(timer->remainingTimeout(), 0.0);  // due, not yet delivered
+  doEventLoop();                              // returns: nothing left
+  EXPECT_EQ(handler.fired_, 1);
+  EXPECT_EQ(timer->remainingTimeout(), infinity);
+  doEventLoop();
+  EXPECT_EQ(handler.fired_, 1);
+}
+
+TEST(LibeventTimerControlTest, RearmReplacesAndDelTimeoutDisarms) {
+  RecordingTimer handler(nullptr, "t");
+  auto const timer = getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  timer->setTimeout(3600);
+  double const remaining = timer->remainingTimeout();
+  EXPECT_LE(remaining, 3600.0);
+  EXPECT_GT(remaining, 3599.0);
+  runOnePass();
+  EXPECT_EQ(handler.fired_, 0);
+
+  timer->delTimeout();
+  EXPECT_EQ(timer->remainingTimeout(), infinity);
+  timer->delTimeout();          // idle: harmless
+  timer->setTimeout(infinity);  // never expires: idle
+  EXPECT_EQ(timer->remainingTimeout(), infinity);
+  timer->setTimeout(-2.0);  // in the past: due at once
+  EXPECT_EQ(timer->remainingTimeout(), 0.0);
+  doEventLoop();
+  EXPECT_EQ(handler.fired_, 1);
+}
+
+TEST(LibeventTimerControlTest, FractionalTimeoutsKeepMicroseconds) {
+  timeval const tv = Tamlo::Impl::timevalFromSeconds(1.5);
+  EXPECT_EQ(tv.tv_sec, 1);
+  EXPECT_EQ(tv.tv_usec, 500000);
+  RecordingTimer handler(nullptr, "t");
+  auto const timer = getTimerControl(&handler);
+  timer->setTimeout(1.5);
+  EXPECT_GT(timer->remainingTimeout(), 1.4);
+  EXPECT_LE(timer->remainingTimeout(), 1.5);
+  Tamlo::Test::ThrowOnAssert const throwOnAssert;
+  EXPECT_THAT(assertionText([&] { timer->setTimeout(std::nan("")); }),
+              HasSubstr("Invalid timeout nan"));
+  EXPECT_GT(timer->remainingTimeout(), 1.4);  // a refused re-arm leaves it as it was
+}
+
+TEST(LibeventTimerControlTest, ReArmFromAnotherHandlerInSamePassCancelsDelivery) {
+  std::vector<std::string> journal;
+  RecordingTimer second(&journal, "second");
+  auto const secondTimer = getTimerControl(&second);
+  struct Rearming : TimeoutHandler {
+    void timeout() override { other->setTimeout(3600); }
+    TimerControl* other = nullptr;
+  } first;
+  first.other = secondTimer.get();
+  auto const firstTimer = getTimerControl(&first, eventPriorityStrictHigh);
+  secondTimer->setTimeout(0.0);
+  firstTimer->setTimeout(0.0);
+  runOnePass();
+  EXPECT_TRUE(journal.empty());
+  EXPECT_GT(secondTimer->remainingTimeout(), 3599.0);
+}
+
+TEST(LibeventTimerControlTest, HandlerMayDestroyItsOwnControl) {
+  struct SelfDestroying : TimeoutHandler {
+    void timeout() override { control.reset(); }
+    std::shared_ptr<TimerControl> control;
+  } handler;
+  handler.control = getTimerControl(&handler);
+  handler.control->setTimeout(0.0);
+  doEventLoop();
+  EXPECT_EQ(handler.control, nullptr);
+}
+
+TEST(LibeventTimerControlTest, StrictHighIsServedBeforeDefaultInOnePass) {
+  std::vector<std::string> journal;
+  RecordingTimer low(&journal, "default"), high(&journal, "strict");
+  auto const lowTimer = getTimerControl(&low, eventPriorityDefault);
+  auto const highTimer = getTimerControl(&high, eventPriorityStrictHigh);
+  RecordingCallback callbackHandler;
+  auto const callback = getCallbackControl(&callbackHandler);
+  lowTimer->setTimeout(0.0);
+  callback->requestCallback();
+  highTimer->setTimeout(0.0);
+  runOnePass();
+  EXPECT_THAT(journal, ::testing::ElementsAre("strict", "default"));
+  EXPECT_EQ(callbackHandler.called_, 1);
+}
+
+TEST(LibeventTimerControlTest, InvalidPriorityIsRefusedWithItsName) {
+  Tamlo::Test::ThrowOnAssert const throwOnAssert;
+  RecordingTimer handler(nullptr, "t");
+  std::string const text =
+      assertionText([&] { getTimerControl(&handler, static_cast<EventPriority>(7)); });
+  EXPECT_THAT(text, HasSubstr("Failed to set priority on "));
+  EXPECT_THAT(text, HasSubstr(" to Invalid EventPriority=7 rc -1"));
+}
+
+// ---- Call-backs ----
+
+TEST(LibeventCallbackControlTest, RequestsCollapseAndCancelWithdraws) {
+  RecordingCallback handler;
+  auto const callback = getCallbackControl(&handler);
+  EXPECT_FALSE(callback->pendingCallback());
+  callback->requestCallback();
+  callback->requestCallback();
+  EXPECT_TRUE(callback->pendingCallback());
+  doEventLoop();
+  EXPECT_EQ(handler.called_, 1);
+  EXPECT_FALSE(callback->pendingCallback());
+
+  callback->requestCallback();
+  callback->cancelCallback();
+  EXPECT_FALSE(callback->pendingCallback());
+  doEventLoop();
+  EXPECT_EQ(handler.called_, 1);
+  callback->cancelCallback();  // nothing outstanding: harmless
+}
+
+TEST(LibeventCallbackControlTest, RequestFromInsideRunsOnALaterPass) {
+  RecordingCallback handler;
+  auto const callback = getCallbackControl(&handler);
+  handler.control_ = callback.get();
+  handler.rerequests_ = 2;
+  callback->requestCallback();
+  runOnePass();
+  EXPECT_EQ(handler.called_, 1);
+  EXPECT_TRUE(callback->pendingCallback());
+  doEventLoop();
+  EXPECT_EQ(handler.called_, 3);
+}
+
+TEST(LibeventCallbackControlTest, DestroyingWithPendingRequestCancelsIt) {
+  RecordingCallback handler;
+  getCallbackControl(&handler)->requestCallback();  // the temporary dies here
+  doEventLoop();
+  EXPECT_EQ(handler.called_, 0);
+}
+
+// ---- Descriptors ----
+
+class LibeventFdControlTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0); }
+  void TearDown() override {
+    ::close(fds_[0]);
+    ::close(fds_[1]);
+  }
+  void sendByte() { ASSERT_EQ(::write(fds_[1], "x", 1), 1); }
+  int local() const { return fds_[0]; }
+
+  int fds_[2] = {-1, -1};
+  RecordingFd handler_;
+};
+
+TEST_F(LibeventFdControlTest, FreshControlIsUnboundAndWantsReadsOnly) {
+  auto const control = std::make_shared<Tamlo::LibeventFdControl>(&handler_);
+  EXPECT_EQ(control->getFd(), -1);
+  EXPECT_TRUE(control->reads());
+  EXPECT_FALSE(control->writes());
+  EXPECT_FALSE(control->readArmed());
+  control->setFd(local());
+  EXPECT_EQ(control->getFd(), local());
+  EXPECT_TRUE(control->readArmed());
+  EXPECT_FALSE(control->writeArmed());
+  EXPECT_NE(fcntl(local(), F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(LibeventFdControlTest, ReadsArePersistent) {
+  auto const control = getFdControl(&handler_);
+  control->setFd(local());
+  sendByte();
+  runOnePass();
+  EXPECT_EQ(handler_.reads_, 1);
+  EXPECT_EQ(handler_.bytesRead_, 1);
+  sendByte();
+  runOnePass();
+  EXPECT_EQ(handler_.reads_, 2);
+  runOnePass();  // nothing to read: no call
+  EXPECT_EQ(handler_.reads_, 2);
+}
+
+TEST_F(LibeventFdControlTest, WritesAreOneShotUntilWantedAgain) {
+  auto const control = std::make_shared<Tamlo::LibeventFdControl>(&handler_);
+  control->setFd(local());
+  control->setWrites(true);
+  EXPECT_TRUE(control->writeArmed());
+  runOnePass();
+  runOnePass();
+  EXPECT_EQ(handler_.writes_, 1);
+  EXPECT_EQ(handler_.lastFd_, local());
+  EXPECT_TRUE(control->writes());  // still wanted
+  EXPECT_FALSE(control->writeArmed());
+  control->setWrites(true);
+  runOnePass();
+  EXPECT_EQ(handler_.writes_, 2);
+  control->setWrites(false);
+  control->setWrites(false);
+  EXPECT_FALSE(control->writes());
+}
+
+TEST_F(LibeventFdControlTest, WishesBeforeSetFdAreOnlyRecorded) {
+  auto const control = std::make_shared<Tamlo::LibeventFdControl>(&handler_);
+  control->setReads(false);
+  control->setWrites(true);
+  EXPECT_FALSE(control->writeArmed());
+  runOnePass();
+  EXPECT_EQ(handler_.writes_, 0);
+  control->setFd(local());
+  EXPECT_FALSE(control->readArmed());
+  EXPECT_TRUE(control->writeArmed());
+  sendByte();
+  runOnePass();
+  EXPECT_EQ(handler_.writes_, 1);
+  EXPECT_EQ(handler_.reads_, 0);
+  control->setReads(true);
+  runOnePass();
+  EXPECT_EQ(handler_.reads_, 1);
+}
+
+TEST_F(LibeventFdControlTest, ClearEventsKeepsTheDescriptorAndDelFdForgetsIt) {
+  auto const control = std::make_shared<Tamlo::LibeventFdControl>(&handler_);
+  control->setWrites(true);
+  control->setFd(local());
+  control->clearEvents();
+  EXPECT_EQ(control->getFd(), local());
+  EXPECT_TRUE(control->reads());
+  EXPECT_TRUE(control->writes());
+  EXPECT_FALSE(control->readArmed());
+  EXPECT_FALSE(control->writeArmed());
+  sendByte();
+  runOnePass();
+  EXPECT_EQ(handler_.reads_ + handler_.writes_, 0);
+
+  control->setFd(local());  // same descriptor: arms what is wanted again
+  EXPECT_TRUE(control->readArmed());
+  runOnePass();
+  EXPECT_EQ(handler_.reads_, 1);
+
+  control->delFd();
+  EXPECT_EQ(control->getFd(), -1);
+  EXPECT_FALSE(control->readArmed());
+  EXPECT_GE(fcntl(local(), F_GETFD), 0);  // not closed
+  control->setReads(false);               // unbound: only recorded
+  control->setReads(true);
+  EXPECT_FALSE(control->readArmed());
+}
+
+TEST_F(LibeventFdControlTest, SetReadsFalseDisarmsAndTrueRearms) {
+  auto const control = std::make_shared<Tamlo::LibeventFdControl>(&handler_);
+  control->setFd(local());
+  control->setReads(false);
+  EXPECT_FALSE(control->readArmed());
+  sendByte();
+  runOnePass();
+  EXPECT_EQ(handler_.reads_, 0);
+  control->setReads(true);
+  runOnePass();
+  EXPECT_EQ(handler_.reads_, 1);
+}
+
+TEST_F(LibeventFdControlTest, ExceptionsAreOfferedWithTheDescriptor) {
+  auto const control = getFdControl(&handler_);
+  control->setFd(local());
+  handler_.throws_ = true;
+  handler_.claims_ = true;
+  sendByte();
+  EXPECT_NO_THROW(runOnePass());
+  EXPECT_EQ(handler_.offered_, 1);
+  EXPECT_EQ(handler_.lastFd_, local());
+
+  handler_.claims_ = false;
+  sendByte();
+  EXPECT_THROW(runOnePass(), std::runtime_error);
+  EXPECT_EQ(handler_.offered_, 2);
+  handler_.throws_ = false;
+  sendByte();
+  runOnePass();  // the base is still usable
+  EXPECT_EQ(handler_.reads_, 3);
+}
+
+// ---- Handler exceptions and the loop ----
+
+TEST(LibeventLoopTest, ClaimedTimeoutExceptionsAreSwallowed) {
+  RecordingTimer failing(nullptr, "failing"), other(nullptr, "other");
+  failing.throws_ = true;
+  failing.claims_ = true;
+  auto const failingTimer = getTimerControl(&failing);
+  auto const otherTimer = getTimerControl(&other);
+  failingTimer->setTimeout(0.0);
+  otherTimer->setTimeout(0.0);
+  EXPECT_NO_THROW(doEventLoop());
+  EXPECT_EQ(failing.offered_, 1);
+  EXPECT_EQ(other.fired_, 1);
+}
+
+TEST(LibeventLoopTest, UnclaimedExceptionLeavesTheLoopAndTheBaseStaysUsable) {
+  std::vector<std::string> journal;
+  RecordingTimer failing(&journal, "failing"), later(&journal, "later");
+  failing.throws_ = true;
+  auto const failingTimer = getTimerControl(&failing, eventPriorityStrictHigh);
+  auto const laterTimer = getTimerControl(&later);
+  failingTimer->setTimeout(0.0);
+  laterTimer->setTimeout(0.0);
+  try {
+    doEventLoop(3600.0);  // must not wait for its bound
+    ADD_FAILURE() << "no exception";
+  } catch (std::runtime_error const& e) {
+    EXPECT_STREQ(e.what(), "failing failed");
+  }
+  EXPECT_EQ(failing.offered_, 1);
+  EXPECT_THAT(journal, ::testing::ElementsAre("failing"));
+  // The loop's break event went with the unwinding; the later timer is due
+  // and waits for the next pass.
+  timeval first;
+  EXPECT_NE(event_base_get_first_timeout(Tamlo::ev_base, &first), 0);
+  EXPECT_EQ(laterTimer->remainingTimeout(), 0.0);
+  doEventLoop();
+  EXPECT_THAT(journal, ::testing::ElementsAre("failing", "later"));
+}
+
+TEST(LibeventLoopTest, CallbackExceptionsFollowTheirHandler) {
+  RecordingCallback handler;
+  handler.throws_ = true;
+  handler.claims_ = true;
+  auto const callback = getCallbackControl(&handler);
+  callback->requestCallback();
+  EXPECT_NO_THROW(doEventLoop());
+  EXPECT_EQ(handler.offered_, 1);
+  handler.claims_ = false;
+  callback->requestCallback();
+  EXPECT_THROW(doEventLoop(), std::logic_error);
+  EXPECT_EQ(handler.offered_, 2);
+  EXPECT_FALSE(callback->pendingCallback());
+}
+
+TEST(LibeventLoopTest, EvLoopBreakEndsTheDispatchAndRemovesItsEvent) {
+  RecordingTimer handler(nullptr, "t");
+  auto const timer = getTimerControl(&handler);
+  timer->setTimeout(3600);
+  Tamlo::eventLoopTimeout(0.002);
+  EXPECT_EQ(handler.fired_, 0);
+  timer->delTimeout();
+  timeval first;
+  EXPECT_NE(event_base_get_first_timeout(Tamlo::ev_base, &first), 0);
+  doEventLoop(0.001);
+  doEventLoopInWaitfor(0.001);
+}
+
+TEST(LibeventLoopTest, APassEndsAfterEventsThatStrictHighHandlersActivated) {
+  Tamlo::leInit();
+  int plainRuns = 0;
+  event* const plain = event_new(
+      Tamlo::ev_base, -1, 0, [](evutil_socket_t, short, void* arg) { ++*static_cast<int*>(arg); },
+      &plainRuns);
+  struct Activating : TimeoutHandler {
+    void timeout() override { event_active(target, EV_TIMEOUT, 1); }
+    event* target = nullptr;
+  } activating;
+  activating.target = plain;
+  auto const strict = getTimerControl(&activating, eventPriorityStrictHigh);
+  strict->setTimeout(0.0);
+  runOnePass();
+  EXPECT_EQ(plainRuns, 1);
+  event_free(plain);
+}
+
+// ---- Bases ----
+
+TEST(LibeventBaseTest, EachThreadGetsItsOwnBase) {
+  RecordingTimer handler(nullptr, "main");
+  auto const mainTimer = getTimerControl(&handler);
+  event_base* const mainBase = Tamlo::ev_base;
+  ASSERT_NE(mainBase, nullptr);
+  EXPECT_TRUE(Tamlo::mainThread);
+
+  event_base* threadBase = nullptr;
+  bool initializedAtStart = true;
+  bool threadIsMain = true;
+  int threadFired = 0;
+  std::thread([&] {
+    initializedAtStart = Tamlo::leInitialized();
+    RecordingTimer threadHandler(nullptr, "thread");
+    {
+      auto const timer = getTimerControl(&threadHandler);
+      threadBase = Tamlo::ev_base;
+      threadIsMain = Tamlo::mainThread;
+      timer->setTimeout(0.0);
+      doEventLoop();
+    }
+    threadFired = threadHandler.fired_;
+    Tamlo::leFree();
+  }).join();
+  EXPECT_FALSE(initializedAtStart);
+  EXPECT_NE(threadBase, nullptr);
+  EXPECT_NE(threadBase, mainBase);
+  EXPECT_FALSE(threadIsMain);
+  EXPECT_EQ(threadFired, 1);
+  EXPECT_EQ(Tamlo::ev_base, mainBase);
+}
+
+TEST(LibeventBaseTest, RegisteringAnotherBaseFails) {
+  Tamlo::leInit();
+  Tamlo::leRegisterBase(Tamlo::ev_base);  // the same one: allowed
+  event_base* const other = Tamlo::leCreateBase();
+  Tamlo::Test::ThrowOnAssert const throwOnAssert;
+  EXPECT_THAT(assertionText([&] { Tamlo::leRegisterBase(other); }),
+              HasSubstr(fmt::format("Tried to register a base:{} but a thread_local  base "
+                                    "already exists: {}",
+                                    fmt::ptr(other), fmt::ptr(Tamlo::ev_base))));
+  event_base_free(other);
+}
+
+TEST(LibeventBaseTest, ControlsOutliveLeFreeAndRebindToTheNextBase) {
+  std::thread([] {
+    RecordingTimer timerHandler(nullptr, "t");
+    RecordingFd fdHandler;
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    auto const timer = getTimerControl(&timerHandler);
+    auto const fd = getFdControl(&fdHandler);
+    timer->setTimeout(3600);
+    fd->setFd(fds[0]);
+    Tamlo::leFree();
+    EXPECT_FALSE(Tamlo::leInitialized());
+    EXPECT_EQ(timer->remainingTimeout(), infinity);
+    timer->delTimeout();
+    fd->clearEvents();
+
+    timer->setTimeout(0.0);  // creates and binds to a fresh base
+    EXPECT_TRUE(Tamlo::leInitialized());
+    fd->setFd(fds[0]);
+    ASSERT_EQ(::write(fds[1], "x", 1), 1);
+    doEventLoop(0.0);
+    EXPECT_EQ(timerHandler.fired_, 1);
+    EXPECT_EQ(fdHandler.reads_, 1);
+    fd->delFd();
+    Tamlo::leFree();
+    ::close(fds[0]);
+    ::close(fds[1]);
+  }).join();
+}
+
+TEST(LibeventBaseTest, LibeventMessagesOfUnknownSeverityAndFatalErrorsAreAssertions) {
+  Tamlo::Test::ThrowOnAssert const throwOnAssert;
+  EXPECT_THAT(assertionText([] { Tamlo::le_debug_cb(7, "boom"); }),
+              HasSubstr("invalid libevent severity:7 msg:boom"));
+  EXPECT_THAT(assertionText([] { Tamlo::le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
+}
+
+TEST(LibeventBaseTest, ChildProcessesReinitialiseTheBaseAndRouteLibeventLogs) {
+  auto const fork = Tamlo::Test::runHelper("LibeventHelper", {"fork"});
+  EXPECT_EQ(fork.exitCode, 0) << fork.err;
+  EXPECT_THAT(fork.out, HasSubstr("child fired 1"));
+  EXPECT_THAT(fork.out, HasSubstr("parent fired 1"));
+
+  // The default setting "Tamlo*/01" shows warnings and errors only.
+  auto const log = Tamlo::Test::runHelper("LibeventHelper", {"log"}, {}, {"TRACE", "TRACEFILE"});
+  EXPECT_EQ(log.exitCode, 0) << log.err;
+  EXPECT_THAT(log.err, HasSubstr("le-warn"));
+  EXPECT_THAT(log.err, HasSubstr("le-err"));
+  EXPECT_THAT(log.err, ::testing::Not(HasSubstr("le-msg")));
+  EXPECT_THAT(log.err, ::testing::Not(HasSubstr("le-debug")));
+
+  auto const badFd = Tamlo::Test::runHelper("LibeventHelper", {"badfd"});
+  EXPECT_EQ(badFd.signal, SIGABRT);
+  EXPECT_THAT(badFd.err, HasSubstr("flags >= 0"));
+}
+
+}  // namespace
