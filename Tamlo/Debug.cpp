@@ -1,9 +1,11 @@
 #include <Tamlo/Debug.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <unordered_map>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -18,13 +20,23 @@ namespace {
 // The three registries; created on first use and never freed, so that
 // handles destroyed during process exit still find them.
 struct Registries {
+  // Specific settings by full name.
   std::unordered_map<std::string, DebugControl*> debugsMap_;
+  // Wildcard settings by prefix, in ascending byte order (findWildcard
+  // relies on that order).
   std::map<std::string, DebugControl*> wildCardDebugsMap_;
+  // Every live handle; several may share a name.
   std::multimap<std::string, DebugHandler*> handlerMap_;
 };
 Registries* registries = nullptr;
 
+// The failure text names the caller itself, so no scope is added to it.
+void requireLoco(char const* what) {
+  TAMLO_ASSERT_IN("", Platform::loco().owns_lock(), "{}", what);
+}
+
 Registries& reg() {
+  requireLoco("no loco");
   if (!registries)
     registries = new Registries;
   return *registries;
@@ -34,18 +46,25 @@ bool startsWith(std::string const& text, std::string const& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-// The message names the caller itself, so no scope is added to it.
-void requireLoco(char const* what) { TAMLO_ASSERT_IN("", Platform::loco().owns_lock(), "{}", what); }
-
+// Names beginning with `prefix` form one run in an ordered map, starting at
+// lower_bound(prefix).
 template <typename Map, typename Fn>
 void forEachWithPrefix(Map& map, std::string const& prefix, Fn&& fn) {
   for (auto it = map.lower_bound(prefix); it != map.end() && startsWith(it->first, prefix); ++it)
     fn(it->second);
 }
 
-// Applies `fn` to each entry of `spec` split at ','. An empty value does
-// nothing; a trailing ',' ends the list; an empty entry between commas is an
-// empty name with no levels.
+template <typename Fn>
+void forEachHandlerNamed(std::string const& name, Fn&& fn) {
+  auto [first, last] = reg().handlerMap_.equal_range(name);
+  for (auto it = first; it != last; ++it)
+    fn(it->second);
+}
+
+// Applies `fn(name, levels)` to each entry of a settings string cut at ','.
+// An empty value does nothing; a ',' at the very end ends the list; an empty
+// entry between commas is an empty name with no levels. The name is the part
+// before the first '/', the levels the part after it (none without a '/').
 template <typename Fn>
 void forEachEntry(std::string const& spec, Fn&& fn) {
   size_t start = 0;
@@ -82,11 +101,20 @@ DebugHandler::~DebugHandler() {
   }
 }
 
+uint16_t DebugHandler::levels() const {
+  return std::atomic_ref<uint16_t>(*levelsPtr_).load(std::memory_order_relaxed);
+}
+
+void DebugHandler::levelsIs(uint16_t levels) {
+  std::atomic_ref<uint16_t>(levels_).store(levels, std::memory_order_relaxed);
+}
+
 void DebugHandler::enabledIs(unsigned level, bool on) {
   TAMLO_ASSERT(levelsPtr_ == &levels_,
                "Cannot use this with a non-null levelsPtr passed to constructor");
   uint16_t const bit = static_cast<uint16_t>(1u << (level % 32));
-  levels_ = on ? (levels_ | bit) : (levels_ & ~bit);
+  Platform::LocoGuard guard;
+  levelsIs(on ? (levels_ | bit) : (levels_ & ~bit));
 }
 
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, char const* fileName,
@@ -97,17 +125,17 @@ void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, char cons
 
 void DebugHandler::levelsAdd(uint16_t levels) {
   if (!fixedLevels_)
-    levels_ |= levels;
+    levelsIs(levels_ | levels);
 }
 
 void DebugHandler::levelsRemove(uint16_t levels) {
   if (!fixedLevels_)
-    levels_ &= static_cast<uint16_t>(~levels);
+    levelsIs(levels_ & static_cast<uint16_t>(~levels));
 }
 
 std::string DebugHandler::displayString() const {
   return fmt::format("{}{}/{}", name_, fixedLevels_ ? "+" : "",
-                     DebugControl::levelsString(levels_));
+                     DebugControl::levelsString(levels()));
 }
 
 DebugControl::DebugControl(std::string const& name, uint16_t levels, bool wildcard)
@@ -115,7 +143,9 @@ DebugControl::DebugControl(std::string const& name, uint16_t levels, bool wildca
   requireLoco("DebugControl::DebugControl() no loco");
 }
 
-DebugControl::~DebugControl() { requireLoco("DebugControl::~DebugControl() no loco"); }
+DebugControl::~DebugControl() {
+  requireLoco("DebugControl::~DebugControl() no loco");
+}
 
 std::string DebugControl::displayString() const {
   return fmt::format("{}{}/{}", name_, wildcard_ ? "*" : "", levelsString(levels_));
@@ -154,7 +184,6 @@ uint16_t DebugControl::parseLevels(std::string const& text) {
 
 DebugControl* DebugControl::findWildcard(std::string name) {
   requireLoco("DebugControl::findWildcard() no loco");
-  // Ascending prefix order: among nested prefixes the shortest governs.
   for (auto const& [prefix, setting] : reg().wildCardDebugsMap_)
     if (startsWith(name, prefix))
       return setting;
@@ -169,20 +198,24 @@ void DebugControl::set(std::string const& rawName, std::string const& levelsText
   initialize();
   Registries& r = reg();
 
+  // A new setting starts from what already governed its name, so that
+  // adding a narrower setting never takes levels away.
   auto inheritedLevels = [](std::string const& key) -> uint16_t {
     DebugControl const* governing = findWildcard(key);
     return governing ? governing->levels_ : 0;
   };
 
   if (!wildcard) {
-    DebugControl*& setting = r.debugsMap_[name];
-    if (setting)
+    DebugControl* setting;
+    if (auto it = r.debugsMap_.find(name); it != r.debugsMap_.end()) {
+      setting = it->second;
       setting->levels_ |= levels;
-    else
+    } else {
       setting = new DebugControl(name, levels | inheritedLevels(name), false);
-    auto [first, last] = r.handlerMap_.equal_range(name);
-    for (auto it = first; it != last; ++it)
-      it->second->levelsAdd(setting->levels_);
+      r.debugsMap_.emplace(name, setting);
+    }
+    uint16_t const settingLevels = setting->levels_;
+    forEachHandlerNamed(name, [&](DebugHandler* h) { h->levelsAdd(settingLevels); });
     return;
   }
 
@@ -210,12 +243,6 @@ void DebugControl::clear(std::string const& rawName, std::string const& levelsTe
   Platform::LocoGuard guard;
   initialize();
   Registries& r = reg();
-
-  auto removeFromHandlersNamed = [&] {
-    auto [first, last] = r.handlerMap_.equal_range(name);
-    for (auto it = first; it != last; ++it)
-      it->second->levelsRemove(levels);
-  };
 
   if (wildcard) {
     for (auto it = r.wildCardDebugsMap_.lower_bound(name);
@@ -250,12 +277,13 @@ void DebugControl::clear(std::string const& rawName, std::string const& levelsTe
       r.debugsMap_.erase(it);
     }
   } else if (DebugControl const* governing = findWildcard(name)) {
-    // No setting is made for a name only a wildcard covers: instead one more
-    // handle of that name records the cleared levels, and is never freed.
-    // Handles obtained later still start from the wildcard's full levels.
+    // Clearing never creates a setting. A name that only a wildcard covers
+    // instead gets one more handle, holding the wildcard's levels less the
+    // cleared ones, which is never freed; handles obtained later still start
+    // from the wildcard's full levels.
     new DebugHandler(name, governing->levels_ & keep, false);
   }
-  removeFromHandlersNamed();
+  forEachHandlerNamed(name, [&](DebugHandler* h) { h->levelsRemove(levels); });
 }
 
 std::shared_ptr<Platform::DebugHandler> DebugControl::get(std::string const& rawName, bool) {
@@ -263,15 +291,15 @@ std::shared_ptr<Platform::DebugHandler> DebugControl::get(std::string const& raw
   std::string const name = parseName(rawName, wildcard);
   Platform::LocoGuard guard;
   initialize();
+  Registries& r = reg();
   if (wildcard) {
-    std::string const warning =
-        fmt::format("Tamlo::Debug - Warning - Wild card specifier ignored getting handler for {} "
-                    "using {}\n",
-                    rawName, name);
+    std::string const warning = fmt::format(
+        "Tamlo::Debug - Warning - Wild card specifier ignored getting handler for {} using {}\n",
+        rawName, name);
     std::fputs(warning.c_str(), stderr);
   }
   uint16_t levels = 0;
-  if (auto it = reg().debugsMap_.find(name); it != reg().debugsMap_.end())
+  if (auto it = r.debugsMap_.find(name); it != r.debugsMap_.end())
     levels = it->second->levels_;
   else if (DebugControl const* governing = findWildcard(name))
     levels = governing->levels_;
@@ -317,7 +345,13 @@ void dumpTamloDebugMap() {
     LocoGuard guard;
     Orv::DebugControl::initialize();
     Orv::Registries& r = Orv::reg();
+    // Sorted so that the listing reads the same from run to run.
+    std::vector<Orv::DebugControl const*> specific;
     for (auto const& [name, setting] : r.debugsMap_)
+      specific.push_back(setting);
+    std::sort(specific.begin(), specific.end(),
+              [](auto const* a, auto const* b) { return a->name() < b->name(); });
+    for (auto const* setting : specific)
       text += "    " + setting->displayString() + "\n";
     text += "Wildcard:\n";
     for (auto const& [prefix, setting] : r.wildCardDebugsMap_)

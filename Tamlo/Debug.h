@@ -1,12 +1,17 @@
-// Named trace handles with ten levels, and the settings ("name/levels",
-// "prefix*/levels") that switch them on. Settings come from TRACE at load and
-// from setupTamloDebug()/clearTamloDebug() at run time; every live handle a
-// setting covers follows it. All registries are guarded by the library lock.
+// Named trace handles with ten levels (0 to 9), and the settings
+// ("name/levels", "prefix*/levels") that switch them on. Settings come from
+// TRACE at load and from setupTamloDebug()/clearTamloDebug() at run time;
+// every live handle that a setting covers follows it.
+//
+// Thread-safety: settings, handles and the trace format and file are guarded
+// by the library lock (Loco.h), which every public entry point takes itself.
+// The level test of a trace call reads a handle's levels without the lock: a
+// setting changed while a trace call runs may or may not affect that call.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -23,11 +28,18 @@ class DebugStream : public std::stringstream {};
 class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
  public:
   virtual ~DebugHandler() = default;
+  // Sets or clears one level of this handle only, whatever the settings say.
   virtual void enabledIs(unsigned level, bool on) = 0;
+  // Writes the stream's whole text as one trace line of this handle.
   virtual void dump(DebugStream& stream, unsigned level, char const* fileName, int line,
                     char const* funcName) const = 0;
 
-  bool enabled(unsigned level) const { return (*levelsPtr_ >> level) & 1u; }
+  // The trace-call test: one load and one bit test, no lock.
+  bool enabled(unsigned level) const {
+    return (std::atomic_ref<uint16_t>(*levelsPtr_).load(std::memory_order_relaxed) >>
+            (level % 32)) &
+           1u;
+  }
   uint16_t const* levelsPtr() const { return levelsPtr_; }
 
  protected:
@@ -35,29 +47,40 @@ class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
   DebugHandler(DebugHandler const&) = delete;
   DebugHandler& operator=(DebugHandler const&) = delete;
 
-  uint16_t const* levelsPtr_ = nullptr;
+  // Written under the library lock with relaxed atomic stores, so that the
+  // lock-free test above never reads a torn or racy value.
+  uint16_t* levelsPtr_ = nullptr;
 };
 
-// A new handle named `name`, registered so that later settings reach it. A
-// trailing '*' is ignored with a warning on standard error.
+// A new handle named `name` holding the levels the settings give that name,
+// registered so that later settings reach it. Every call makes a new handle.
+// A trailing '*' is ignored with a warning on standard error.
 std::shared_ptr<DebugHandler> getDebugHandler(std::string const& name);
+// Deletes `handle` under the library lock.
 void destroyDebugHandler(DebugHandler* handle);
 
-// Applies "entry,entry,..." (entry = name[/levels] or prefix*[/levels]);
-// null reads TRACE. Levels only accumulate. Also (re)opens TRACEFILE.
+// Applies "entry,entry,..." (entry = name[/levels] or prefix*[/levels]) left
+// to right; null reads TRACE (nothing when unset). Levels only accumulate.
+// Also opens TRACEFILE, or another file when TRACEFILE has changed.
 void setupTamloDebug(char const* spec);
-// The same grammar, removing levels; null does nothing.
+// The same grammar, each entry removing levels; null does nothing.
 void clearTamloDebug(char const* spec);
 // Prints every setting and every live handle to standard output.
 void dumpTamloDebugMap();
 
-// Writes one trace line: prefix per TRACEFORMAT, `length` bytes of `text`,
-// newline; whole, under the library lock.
+// Writes one trace line: the prefix chosen by the trace format, exactly
+// `length` bytes of `text`, a newline. The line is written whole under the
+// library lock, so lines of different threads never interleave. `handle` is
+// a Platform::DebugHandler (or null).
 void dumpDebugMsg(char const* text, size_t length, unsigned level, void const* handle,
                   char const* fileName, char const* funcName, int line);
-// Null reads TRACEFORMAT; "help" prints the fields; all or nothing.
+// "field,field,..." from date, time, pid, tid, handle, level, line-info,
+// func-name; listed fields are shown, the others not, always in that order.
+// Null reads TRACEFORMAT (nothing when unset); "help" prints the fields. An
+// unknown field changes nothing. An empty list shows the message alone.
 void setTraceFormat(char const* spec);
 void clearTraceFormat();
+// The eight fields as "0"/"1" separated by blanks, on one line of stdout.
 void printAllTraceFormat();
 
 }  // namespace Platform
@@ -65,7 +88,9 @@ void printAllTraceFormat();
 namespace Orv {
 
 // The one implementation of Platform::DebugHandler. Construct only under the
-// library lock (getDebugHandler does); it registers itself by name.
+// library lock (getDebugHandler does); it registers itself by name and
+// unregisters when destroyed. A handle with fixedLevels keeps its levels
+// through every setting.
 class DebugHandler final : public Platform::DebugHandler {
  public:
   DebugHandler(std::string const& name, unsigned levels, bool fixedLevels);
@@ -76,46 +101,58 @@ class DebugHandler final : public Platform::DebugHandler {
             char const* funcName) const override;
 
   std::string const& name() const { return name_; }
-  uint16_t levels() const { return levels_; }
+  uint16_t levels() const;
   bool fixedLevels() const { return fixedLevels_; }
-  // Settings use these; they honour fixedLevels.
+  // Settings use these under the library lock; they honour fixedLevels.
   void levelsAdd(uint16_t levels);
   void levelsRemove(uint16_t levels);
   // "name[+]/levels", as dumpTamloDebugMap prints it.
   std::string displayString() const;
 
  private:
+  void levelsIs(uint16_t levels);
+
   uint16_t levels_;
   std::string name_;
   bool fixedLevels_;
 };
 
-// One setting: a specific name or a wildcard prefix, with its levels. The
-// static members hold the process-wide registries and trace format.
+// One setting: a specific name, or a wildcard prefix (kept without its '*'),
+// with its levels. The static members hold the process-wide registries and
+// the trace format; all of them are guarded by the library lock.
 class DebugControl {
  public:
   static constexpr uint16_t allLevels = 1023;
 
   DebugControl(std::string const& name, uint16_t levels, bool wildcard);
   ~DebugControl();
+  DebugControl(DebugControl const&) = delete;
+  DebugControl& operator=(DebugControl const&) = delete;
 
   std::string const& name() const { return name_; }
   uint16_t levels() const { return levels_; }
   bool wildcard() const { return wildcard_; }
+  // "name[*]/levels": reads back as a valid settings entry.
   std::string displayString() const;
 
+  // One settings entry. `set` only adds levels, `clear` only removes them.
   static void set(std::string const& name, std::string const& levels);
   static void clear(std::string const& name, std::string const& levels);
+  // Behind getDebugHandler; `flag` does not change the result.
   static std::shared_ptr<Platform::DebugHandler> get(std::string const& name, bool flag);
+  // A trailing '*' makes a wildcard; the name is returned without it.
   static std::string parseName(std::string const& text, bool& wildcard);
+  // Digits set their level, '*' sets all ten; anything else is ignored.
   static uint16_t parseLevels(std::string const& text);
-  // The wildcard setting that governs `name`: the shortest matching prefix.
-  // Caller holds the library lock.
+  // The wildcard setting that governs `name`: the first matching prefix in
+  // ascending byte order, so the shortest of nested prefixes wins. Null when
+  // none matches. Caller holds the library lock.
   static DebugControl* findWildcard(std::string name);
-  // "*" or the digits of the set levels in ascending order.
+  // "*" when all ten levels are set, else the set levels' digits ascending.
   static std::string levelsString(uint16_t levels);
 
   // The trace format: which prefix fields a line carries, in this order.
+  // Written under the library lock; trace lines read them lock-free.
   static bool showDate_;
   static bool showTime_;
   static bool showPid_;
@@ -126,7 +163,6 @@ class DebugControl {
   static bool showFuncName_;
 
  private:
-  friend class DebugHandler;
   friend void Platform::dumpTamloDebugMap();
   static void initialize();
 
@@ -158,11 +194,16 @@ namespace Impl {
 inline Platform::DebugHandler const* rawHandle(std::shared_ptr<Platform::DebugHandler> const& h) {
   return h.get();
 }
-inline Platform::DebugHandler const* rawHandle(Platform::DebugHandler const* h) { return h; }
-inline Platform::DebugHandler const* rawHandle(Platform::DebugHandler const& h) { return &h; }
+inline Platform::DebugHandler const* rawHandle(Platform::DebugHandler const* h) {
+  return h;
+}
+inline Platform::DebugHandler const* rawHandle(Platform::DebugHandler const& h) {
+  return &h;
+}
 
-// Closes the trace file when TRACEFILE names another one, then opens
-// TRACEFILE (truncating) if no file is open. Caller holds the library lock.
+// Switches the trace destination to TRACEFILE (truncating it) when TRACEFILE
+// is set and names another file than the last one tried; on failure reports
+// on standard error and traces there. Caller holds the library lock.
 void openTraceFileFromEnvironment();
 }  // namespace Impl
 

@@ -50,21 +50,29 @@ void vprint(fmt::string_view format, fmt::format_args args);
 
 namespace Impl {
 
-// The enclosing class (or namespace) and function of a call site, recovered
-// from __PRETTY_FUNCTION__ and __func__. Only computed on paths that are
-// about to write text, so its cost never lands on a disabled trace.
+// The innermost enclosing class (or namespace) and function of a call site,
+// recovered from __PRETTY_FUNCTION__ and __func__: "C" and "f" for a member
+// f of class (or class template) C, the namespace for a free function in a
+// namespace, no class for one at global scope. Anonymous namespaces are
+// skipped; a lambda is attributed to the function it is written in. Only
+// computed on paths that are about to write text, so its cost never lands on
+// a disabled trace. Not copyable: funcName() may point into the object.
 class SourceScope {
  public:
   SourceScope(char const* prettyFunction, char const* func) noexcept;
-  // Names the scope explicitly ("Tamlo::Platform").
+  // Names the scope explicitly ("Platform"); "" for none.
   SourceScope(char const* className, char const* func, std::nullptr_t) noexcept;
+  SourceScope(SourceScope const&) = delete;
+  SourceScope& operator=(SourceScope const&) = delete;
 
   bool hasClass() const { return className_[0] != '\0'; }
   char const* className() const { return className_; }
   char const* funcName() const { return funcName_; }
 
  private:
+  // Longer names are cut; they only label a trace line.
   char className_[128];
+  char funcBuffer_[128];
   char const* funcName_;
 };
 

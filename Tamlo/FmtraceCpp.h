@@ -21,10 +21,10 @@ template <typename... Args>
 
 // TAMLO_TRACE(handle, level, "format {}", args...): handle is a
 // std::shared_ptr<Platform::DebugHandler> or a raw pointer to one.
-#define TAMLO_TRACE(handle, level, ...)                                                       \
-  do {                                                                                        \
-    ::Tamlo::Platform::DebugHandler const* tamloTraceHandle_ = ::Tamlo::Impl::rawHandle(handle); \
-    if (tamloTraceHandle_->enabled(level)) [[unlikely]]                                       \
-      ::Tamlo::Impl::traceAt(tamloTraceHandle_, (level), __FILE__, __LINE__,                  \
-                             __PRETTY_FUNCTION__, __func__, __VA_ARGS__);                     \
+#define TAMLO_TRACE(handle, level, ...)                                                           \
+  do {                                                                                            \
+    ::Tamlo::Platform::DebugHandler const* tamloTraceHandle_ = ::Tamlo::Impl::rawHandle(handle);  \
+    if (tamloTraceHandle_->enabled(level)) [[unlikely]]                                           \
+      ::Tamlo::Impl::traceAt(tamloTraceHandle_, (level), __FILE__, __LINE__, __PRETTY_FUNCTION__, \
+                             __func__, __VA_ARGS__);                                              \
   } while (0)

@@ -1,15 +1,18 @@
 // Where and how trace lines are written: the prefix fields chosen by
-// TRACEFORMAT, the TRACEFILE destination, and the atomic write of each line.
+// TRACEFORMAT, the TRACEFILE destination, and the write of each line whole
+// under the library lock.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <sys/uio.h>
+#include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
 #include <string>
 #include <string_view>
-#include <sys/time.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -34,20 +37,42 @@ namespace {
 
 using Orv::DebugControl;
 
-// The open TRACEFILE, guarded by the library lock.
+constexpr std::string_view traceFields[] = {"date",   "time",  "pid",       "tid",
+                                            "handle", "level", "line-info", "func-name"};
+bool* const traceFlags[] = {&DebugControl::showDate_,       &DebugControl::showTime_,
+                            &DebugControl::showPid_,        &DebugControl::showTid_,
+                            &DebugControl::showHandleName_, &DebugControl::showLevel_,
+                            &DebugControl::showLineInfo_,   &DebugControl::showFuncName_};
+constexpr size_t fieldCount = std::size(traceFields);
+
+// The flags are written under the library lock but read by every trace line
+// before it takes the lock; relaxed atomic access keeps that race benign.
+bool flag(bool& field) {
+  return std::atomic_ref<bool>(field).load(std::memory_order_relaxed);
+}
+void flagIs(bool& field, bool on) {
+  std::atomic_ref<bool>(field).store(on, std::memory_order_relaxed);
+}
+
+// The trace destination, guarded by the library lock: the TRACEFILE last
+// tried (kept after a failure, so that a name that cannot be opened is
+// reported once, not at every setupTamloDebug) and its descriptor, -1 for
+// standard error.
 int traceFileFd = -1;
 std::string& traceFileName() {
   static std::string* const name = new std::string;  // outlives static destructors
   return *name;
 }
 
+// Nowhere is left to report a failing trace destination, so errors other
+// than interruption drop the rest of the line.
 void writeAll(int fd, iovec* parts, int count) {
   while (count > 0) {
     ssize_t written = ::writev(fd, parts, count);
     if (written < 0) {
       if (errno == EINTR)
         continue;
-      return;  // Nowhere left to report a failing trace destination.
+      return;
     }
     while (count > 0 && static_cast<size_t>(written) >= parts->iov_len) {
       written -= static_cast<ssize_t>(parts->iov_len);
@@ -66,27 +91,51 @@ void writeStderr(std::string_view text) {
   writeAll(STDERR_FILENO, &part, 1);
 }
 
-// Date and time change once a second: each thread keeps the last second's
-// text so that most lines skip localtime_r and strftime.
-struct ClockText {
+// What each thread keeps between its trace lines: the date and time text of
+// the last second it traced in (so that most lines skip localtime_r and
+// strftime), and its process and thread ids (reset in a forked child).
+struct ThreadTraceCache {
   time_t second = -1;
-  bool valid = false;
-  char date[16] = {};
-  char time[16] = {};
+  bool clockValid = false;
+  char date[32] = {};
+  size_t dateLength = 0;
+  char time[32] = {};
+  size_t timeLength = 0;
+  pid_t pid = 0;
+  pid_t tid = 0;
 };
+thread_local ThreadTraceCache threadCache;
 
-ClockText const& clockTextFor(time_t second) {
-  thread_local ClockText cache;
+void forgetIdsInChild() {
+  threadCache.pid = 0;
+  threadCache.tid = 0;
+}
+[[maybe_unused]] int const idsResetAtFork = pthread_atfork(nullptr, nullptr, forgetIdsInChild);
+
+ThreadTraceCache& clockTextFor(time_t second) {
+  ThreadTraceCache& cache = threadCache;
   if (cache.second != second) {
     tm parts;
     cache.second = second;
-    cache.valid = localtime_r(&second, &parts) != nullptr;
-    if (cache.valid) {
-      strftime(cache.date, sizeof cache.date, "%Y-%m-%d ", &parts);
-      strftime(cache.time, sizeof cache.time, "%H:%M:%S", &parts);
+    cache.clockValid = localtime_r(&second, &parts) != nullptr;
+    if (cache.clockValid) {
+      cache.dateLength = strftime(cache.date, sizeof cache.date, "%Y-%m-%d ", &parts);
+      cache.timeLength = strftime(cache.time, sizeof cache.time, "%H:%M:%S", &parts);
     }
   }
   return cache;
+}
+
+pid_t cachedPid() {
+  if (threadCache.pid == 0)
+    threadCache.pid = getpid();
+  return threadCache.pid;
+}
+
+pid_t cachedTid() {
+  if (threadCache.tid == 0)
+    threadCache.tid = Tamlo::gettid();
+  return threadCache.tid;
 }
 
 char const* baseName(char const* path) {
@@ -94,73 +143,97 @@ char const* baseName(char const* path) {
   return slash ? slash + 1 : path;
 }
 
-constexpr std::string_view traceFields[] = {"date",  "time",      "pid",      "tid",
-                                            "handle", "level", "line-info", "func-name"};
-bool* const traceFlags[] = {&DebugControl::showDate_,       &DebugControl::showTime_,
-                            &DebugControl::showPid_,        &DebugControl::showTid_,
-                            &DebugControl::showHandleName_, &DebugControl::showLevel_,
-                            &DebugControl::showLineInfo_,   &DebugControl::showFuncName_};
+using PrefixBuffer = fmt::basic_memory_buffer<char, 256>;
+
+void appendText(PrefixBuffer& prefix, std::string_view text) {
+  prefix.append(text.data(), text.data() + text.size());
+}
+
+template <typename Integer>
+void appendNumber(PrefixBuffer& prefix, Integer value) {
+  fmt::format_int const digits(value);
+  prefix.append(digits.data(), digits.data() + digits.size());
+}
+
+// The line prefix, each enabled field followed by one blank, always in the
+// order of traceFields.
+void composePrefix(PrefixBuffer& prefix, unsigned level, void const* handle, char const* fileName,
+                   char const* funcName, int line) {
+  bool const showDate = flag(DebugControl::showDate_);
+  bool const showTime = flag(DebugControl::showTime_);
+  if (showDate || showTime) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    ThreadTraceCache const& clock = clockTextFor(now.tv_sec);
+    if (clock.clockValid) {
+      if (showDate)
+        appendText(prefix, {clock.date, clock.dateLength});
+      if (showTime) {
+        // Microseconds as a plain number: 5 us reads ".5".
+        appendText(prefix, {clock.time, clock.timeLength});
+        prefix.push_back('.');
+        appendNumber(prefix, now.tv_usec);
+        prefix.push_back(' ');
+      }
+    }
+  }
+  if (flag(DebugControl::showPid_)) {
+    appendNumber(prefix, cachedPid());
+    prefix.push_back(' ');
+  }
+  if (flag(DebugControl::showTid_)) {
+    appendNumber(prefix, cachedTid());
+    prefix.push_back(' ');
+  }
+  if (flag(DebugControl::showHandleName_)) {
+    auto const* named =
+        dynamic_cast<Orv::DebugHandler const*>(static_cast<Platform::DebugHandler const*>(handle));
+    if (named)
+      appendText(prefix, named->name());
+    prefix.push_back(' ');
+  }
+  if (flag(DebugControl::showLevel_)) {
+    appendNumber(prefix, level);
+    prefix.push_back(' ');
+  }
+  if (flag(DebugControl::showLineInfo_)) {
+    appendText(prefix, fileName ? baseName(fileName) : "");
+    prefix.push_back(':');
+    appendNumber(prefix, line);
+    prefix.push_back(' ');
+  }
+  if (flag(DebugControl::showFuncName_)) {
+    appendText(prefix, funcName ? funcName : "");
+    prefix.push_back(' ');
+  }
+}
 
 }  // namespace
 
 void Impl::openTraceFileFromEnvironment() {
   char const* const wanted = std::getenv("TRACEFILE");
   std::string& name = traceFileName();
-  if (wanted && name != wanted && traceFileFd >= 0) {
+  if (!wanted || name == wanted)
+    return;
+  if (traceFileFd >= 0)
     ::close(traceFileFd);
-    traceFileFd = -1;
-    name.clear();
-  }
-  if (wanted && traceFileFd < 0) {
-    traceFileFd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (traceFileFd < 0) {
-      writeStderr(fmt::format("Error opening TRACEFILE={}\nDefaulting to std::cerr for trace output.\n",
-                              wanted));
-      name.clear();
-    } else {
-      name = wanted;
-    }
-  }
+  name = wanted;
+  traceFileFd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (traceFileFd < 0)
+    writeStderr(fmt::format(
+        "Error opening TRACEFILE={}\nDefaulting to std::cerr for trace output.\n", wanted));
 }
 
 namespace Platform {
 
 void dumpDebugMsg(char const* text, size_t length, unsigned level, void const* handle,
                   char const* fileName, char const* funcName, int line) {
-  // The format is read under the lock that its setters hold.
-  LocoGuard guard;
-  fmt::memory_buffer prefix;
-  if (DebugControl::showDate_ || DebugControl::showTime_) {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    ClockText const& clock = clockTextFor(now.tv_sec);
-    if (clock.valid) {
-      if (DebugControl::showDate_)
-        prefix.append(std::string_view(clock.date));
-      if (DebugControl::showTime_)
-        fmt::format_to(fmt::appender(prefix), "{}.{} ", clock.time, now.tv_usec);
-    }
-  }
-  if (DebugControl::showPid_)
-    fmt::format_to(fmt::appender(prefix), "{} ", getpid());
-  if (DebugControl::showTid_)
-    fmt::format_to(fmt::appender(prefix), "{} ", Tamlo::gettid());
-  if (DebugControl::showHandleName_) {
-    auto const* named = dynamic_cast<Orv::DebugHandler const*>(
-        static_cast<Platform::DebugHandler const*>(handle));
-    fmt::format_to(fmt::appender(prefix), "{} ", named ? named->name() : std::string());
-  }
-  if (DebugControl::showLevel_)
-    fmt::format_to(fmt::appender(prefix), "{} ", level);
-  if (DebugControl::showLineInfo_)
-    fmt::format_to(fmt::appender(prefix), "{}:{} ", fileName ? baseName(fileName) : "", line);
-  if (DebugControl::showFuncName_)
-    fmt::format_to(fmt::appender(prefix), "{} ", funcName ? funcName : "");
-
+  PrefixBuffer prefix;
+  composePrefix(prefix, level, handle, fileName, funcName, line);
   char newline = '\n';
-  iovec parts[] = {{prefix.data(), prefix.size()},
-                   {const_cast<char*>(text), length},
-                   {&newline, 1}};
+  iovec parts[] = {
+      {prefix.data(), prefix.size()}, {const_cast<char*>(text), length}, {&newline, 1}};
+  LocoGuard guard;
   writeAll(traceFileFd >= 0 ? traceFileFd : STDERR_FILENO, parts, 3);
 }
 
@@ -177,42 +250,46 @@ void setTraceFormat(char const* spec) {
     writeStderr(usage);
     return;
   }
-  bool wanted[std::size(traceFields)] = {};
-  size_t start = 0;
-  while (start < value.size()) {
+  // Empty fields (",,", a trailing ',') are skipped, as empty TRACE entries
+  // change nothing; so an empty value lists no field at all.
+  bool wanted[fieldCount] = {};
+  for (size_t start = 0; start < value.size();) {
     size_t const comma = std::min(value.find(',', start), value.size());
     std::string_view const field = value.substr(start, comma - start);
+    start = comma + 1;
+    if (field.empty())
+      continue;
     size_t index = 0;
-    while (index < std::size(traceFields) && traceFields[index] != field)
+    while (index < fieldCount && traceFields[index] != field)
       ++index;
-    if (index == std::size(traceFields)) {
+    if (index == fieldCount) {
       writeStderr(fmt::format(
           "{} is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n",
           field));
       return;
     }
     wanted[index] = true;
-    start = comma + 1;
   }
   LocoGuard guard;
-  for (size_t i = 0; i < std::size(traceFields); ++i)
-    *traceFlags[i] = wanted[i];
+  for (size_t i = 0; i < fieldCount; ++i)
+    flagIs(*traceFlags[i], wanted[i]);
 }
 
 void clearTraceFormat() {
   LocoGuard guard;
-  for (bool* flag : traceFlags)
-    *flag = false;
+  for (bool* field : traceFlags)
+    flagIs(*field, false);
 }
 
 void printAllTraceFormat() {
   std::string line;
   {
     LocoGuard guard;
-    for (bool const* flag : traceFlags)
-      line.append(line.empty() ? "" : " ").append(*flag ? "1" : "0");
+    for (bool* field : traceFlags)
+      line.append(line.empty() ? "" : " ").append(flag(*field) ? "1" : "0");
   }
-  fmt::print("{}\n", line);
+  line.push_back('\n');
+  std::fputs(line.c_str(), stdout);
   std::fflush(stdout);
 }
 
