@@ -1,0 +1,269 @@
+// Message building: the plain and detailed builders, their buffer, and the
+// class and function names a call site is attributed to.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include <Tamlo/Assert.h>
+#include <Tamlo/Exception.h>
+#include <Tamlo/Fmt.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+using Tamlo::Fmt::Impl::MessageBuffer;
+using Tamlo::Impl::SourceScope;
+
+std::string where(SourceScope const& scope) {
+  std::string const func = scope.funcName();
+  return scope.hasClass() ? std::string(scope.className()) + "::" + func : func;
+}
+
+}  // namespace
+
+// "Class::function" as a trace or assertion from this call site names it.
+#define WHERE() where(::Tamlo::Impl::SourceScope(__PRETTY_FUNCTION__, __func__))
+
+namespace Probe {
+
+std::string lastDestroyed;
+
+struct Widget {
+  // Outside any function: attributed to the class, as the lambda itself.
+  std::string madeInLambda = [] { return WHERE(); }();
+  std::string seen;
+
+  Widget() : seen(WHERE()) {}
+  ~Widget() { lastDestroyed = WHERE(); }
+  std::string member() const { return WHERE(); }
+  static std::string staticMember() { return WHERE(); }
+  std::string operator()() const { return WHERE(); }
+  bool operator<(Widget const&) {
+    seen = WHERE() + " " + [] { return WHERE(); }();
+    return false;
+  }
+  explicit operator int() {
+    seen = WHERE();
+    return 0;
+  }
+  std::string lambda() const {
+    return [] { return WHERE(); }();
+  }
+  std::string nestedLambda() const {
+    return [] { return [] { return WHERE(); }(); }();
+  }
+  std::string genericLambda() const {
+    return [](auto x) {
+      (void)x;
+      return WHERE();
+    }(1.5);
+  }
+  template <typename T>
+  std::string memberTemplate(T) const {
+    return WHERE();
+  }
+  void check(int value) const { TAMLO_ASSERT(value == 0, "bad {}", value); }
+};
+
+template <typename T>
+struct Box {
+  std::string get() const { return WHERE(); }
+  std::string lambda() const {
+    return [] { return WHERE(); }();
+  }
+};
+
+struct Outer {
+  struct Inner {
+    std::string f() const { return WHERE(); }
+  };
+};
+
+std::string freeFunction() {
+  return WHERE();
+}
+
+template <typename T>
+std::string freeTemplate(T) {
+  return WHERE();
+}
+
+std::string withLocalClass() {
+  struct Local {
+    std::string g() const { return WHERE(); }
+  };
+  return Local().g();
+}
+
+namespace {
+std::string hidden() {
+  return WHERE();
+}
+struct Hidden {
+  std::string f() const { return WHERE(); }
+};
+}  // namespace
+
+}  // namespace Probe
+
+static std::string globalFunction() {
+  return WHERE();
+}
+
+namespace {
+std::string anonymousOnly() {
+  return WHERE();
+}
+}  // namespace
+
+namespace {
+
+TEST(FmtTest, MembersAreNamedByTheirClass) {
+  {
+    Probe::Widget w;
+    EXPECT_EQ(w.seen, "Widget::Widget");
+    EXPECT_EQ(w.madeInLambda, "Widget::operator()");
+    EXPECT_EQ(w.member(), "Widget::member");
+    EXPECT_EQ(Probe::Widget::staticMember(), "Widget::staticMember");
+    EXPECT_EQ(w.memberTemplate(std::string("x")), "Widget::memberTemplate");
+    EXPECT_EQ(Probe::Outer::Inner().f(), "Inner::f");
+    EXPECT_EQ(Probe::withLocalClass(), "Local::g");
+  }
+  EXPECT_EQ(Probe::lastDestroyed, "Widget::~Widget");
+}
+
+TEST(FmtTest, OperatorsKeepTheirWholeName) {
+  Probe::Widget w;
+  EXPECT_EQ(w(), "Widget::operator()");
+  (void)(w < w);
+  EXPECT_EQ(w.seen, "Widget::operator< Widget::operator<");
+  (void)static_cast<int>(w);
+  EXPECT_EQ(w.seen, "Widget::operator int");
+}
+
+TEST(FmtTest, LambdasBelongToTheFunctionAroundThem) {
+  Probe::Widget const w;
+  EXPECT_EQ(w.lambda(), "Widget::lambda");
+  EXPECT_EQ(w.nestedLambda(), "Widget::nestedLambda");
+  EXPECT_EQ(w.genericLambda(), "Widget::genericLambda");
+  EXPECT_EQ(Probe::Box<int>().lambda(), "Box::lambda");
+  EXPECT_EQ([] { return WHERE(); }(),
+            "FmtTest_LambdasBelongToTheFunctionAroundThem_Test::TestBody");
+}
+
+TEST(FmtTest, TemplatesAndNamespaces) {
+  EXPECT_EQ(Probe::Box<std::string>().get(), "Box::get");
+  EXPECT_EQ(Probe::freeFunction(), "Probe::freeFunction");
+  EXPECT_EQ(Probe::freeTemplate(3), "Probe::freeTemplate");
+  // Anonymous namespaces are passed over.
+  EXPECT_EQ(Probe::hidden(), "Probe::hidden");
+  EXPECT_EQ(Probe::Hidden().f(), "Hidden::f");
+  EXPECT_EQ(anonymousOnly(), "anonymousOnly");
+  EXPECT_EQ(globalFunction(), "globalFunction");
+}
+
+TEST(FmtTest, ExplicitScope) {
+  EXPECT_EQ(where(SourceScope("Platform", "loco", nullptr)), "Platform::loco");
+  EXPECT_EQ(where(SourceScope("", "loco", nullptr)), "loco");
+  EXPECT_EQ(where(SourceScope("Box<int>", "get", nullptr)), "Box::get");
+  // Overlong names are cut, never overrun.
+  std::string const longName(300, 'n');
+  SourceScope const cut(longName.c_str(), "f", nullptr);
+  EXPECT_EQ(std::string(cut.className()), std::string(127, 'n'));
+}
+
+TEST(FmtTest, MessageBuilders) {
+  int const count = 3;
+  MessageBuffer buffer;
+  buffer.append(std::string_view("stale text"));
+  Tamlo::Fmt::Impl::buildMessageBuffer(buffer, true, "f", "C", "queued {}",
+                                       fmt::make_format_args(count));
+  EXPECT_EQ(fmt::to_string(buffer), "C::f() queued 3");
+  // Ordinary messages stay in the inline storage.
+  EXPECT_EQ(buffer.capacity(), 500u);
+
+  Tamlo::Fmt::Impl::buildMessageBuffer(buffer, false, nullptr, nullptr, "queued {}",
+                                       fmt::make_format_args(count));
+  EXPECT_EQ(fmt::to_string(buffer), "queued 3");
+
+  Tamlo::Fmt::Impl::buildDetailedMessageBuffer(buffer, "src/C.cpp", 42, true, "f", "C", "queued {}",
+                                               fmt::make_format_args(count));
+  EXPECT_EQ(fmt::to_string(buffer), "src/C.cpp:42: C::f() queued 3");
+
+  EXPECT_EQ(Tamlo::Fmt::Impl::vformatstr(true, "f", "C", "{} and {}",
+                                         fmt::make_format_args(count, count)),
+            "C::f() 3 and 3");
+  EXPECT_EQ(Tamlo::Fmt::Impl::vformatstr("a.cpp", 7, false, nullptr, nullptr, "plain",
+                                         fmt::make_format_args()),
+            "a.cpp:7: plain");
+  EXPECT_EQ(Tamlo::Fmt::Impl::vformatstr(false, nullptr, nullptr, "", fmt::make_format_args()), "");
+}
+
+TEST(FmtTest, LongMessagesAreBuiltWhole) {
+  std::string const body = std::string(700, 'a') + "end";
+  MessageBuffer buffer;
+  Tamlo::Fmt::Impl::buildDetailedMessageBuffer(buffer, "f.cpp", 1, true, "g", "K", "<{}>",
+                                               fmt::make_format_args(body));
+  EXPECT_EQ(fmt::to_string(buffer), "f.cpp:1: K::g() <" + body + ">");
+  EXPECT_EQ(
+      Tamlo::Fmt::Impl::vformatstr(false, nullptr, nullptr, "{}", fmt::make_format_args(body)),
+      body);
+}
+
+TEST(FmtTest, ClassWithoutNamesIsACAssertion) {
+  MessageBuffer buffer;
+  EXPECT_DEATH(Tamlo::Fmt::Impl::buildMessageBuffer(buffer, true, nullptr, "C", "x",
+                                                    fmt::make_format_args()),
+               "funcName && className");
+}
+
+TEST(FmtTest, AssertionTextNamesFileLineClassAndFunction) {
+  Tamlo::Test::ThrowOnAssert throwing;
+  testing::internal::CaptureStderr();
+  try {
+    Probe::Widget().check(3);
+    ADD_FAILURE() << "no assertion";
+  } catch (Tamlo::AssertException const& e) {
+    std::string const text = e.msg();
+    std::string const expected = std::string(__FILE__) + ":";
+    EXPECT_NE(text.find("(\"" + expected), std::string::npos) << text;
+    EXPECT_NE(text.find(": Widget::check() bad 3\")"), std::string::npos) << text;
+  }
+  // Traced on the default handle whatever its levels.
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Widget::check() bad 3\n"),
+            std::string::npos);
+}
+
+struct Point {
+  int x, y;
+};
+
+}  // namespace
+
+template <>
+struct fmt::formatter<Point> {
+  constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+  auto format(Point p, fmt::format_context& context) const {
+    return Tamlo::Fmtrace::Impl::vformat_to(context, "({}, {})", fmt::make_format_args(p.x, p.y));
+  }
+};
+
+namespace {
+
+TEST(FmtTest, CustomFormattersAndPlainPrinting) {
+  EXPECT_EQ(fmt::format("at {}", Point{1, -2}), "at (1, -2)");
+
+  std::FILE* file = std::tmpfile();
+  ASSERT_NE(file, nullptr);
+  int const n = 5;
+  Tamlo::QzFmt::Impl::vprint(file, "n={}\n", fmt::make_format_args(n));
+  std::rewind(file);
+  char text[16] = {};
+  ASSERT_NE(std::fgets(text, sizeof text, file), nullptr);
+  EXPECT_STREQ(text, "n=5\n");
+  std::fclose(file);
+}
+
+}  // namespace

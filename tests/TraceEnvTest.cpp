@@ -1,0 +1,211 @@
+// Tracing as configured by the environment at load time: TRACE, TRACEFORMAT
+// and TRACEFILE, observed through the TraceHelper child program.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+using Tamlo::Test::ChildResult;
+using Tamlo::Test::runHelper;
+
+std::vector<std::string> const traceVariables = {"TRACE", "TRACEFORMAT", "TRACEFILE"};
+
+// Runs TraceHelper with exactly the trace variables in `env` set.
+ChildResult helper(std::vector<std::string> const& args, std::vector<std::string> const& env = {}) {
+  return runHelper("TraceHelper", args, env, traceVariables);
+}
+
+std::string readFile(std::string const& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::vector<std::string> linesOf(std::string const& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+// A scratch directory, removed with everything in it.
+class TempDir {
+ public:
+  TempDir() {
+    char pattern[] = "/tmp/TraceEnvTest.XXXXXX";
+    path_ = mkdtemp(pattern);
+  }
+  ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
+  std::string file(std::string const& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string const dateTime = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.(?:0|[1-9]\d{0,5}) )";
+
+TEST(TraceEnvTest, DefaultSettingGivesLibraryHandlesLevelsZeroAndOne) {
+  ChildResult const r = helper({"levels", "Tamlo", "TamloUtil", "TamloLibevent", "MyApp", "Tam"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out, "Tamlo/01\nTamloUtil/01\nTamloLibevent/01\nMyApp/\nTam/\n");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(TraceEnvTest, TraceAddsToTheDefault) {
+  EXPECT_EQ(helper({"levels", "TamloUtil", "Other"}, {"TRACE=Tamlo*/*"}).out,
+            "TamloUtil/*\nOther/\n");
+  EXPECT_EQ(helper({"levels", "MyApp", "MyAppX"}, {"TRACE=MyApp/5,MyApp/7"}).out,
+            "MyApp/57\nMyAppX/\n");
+  // TRACE can only add: clearing-looking entries leave the default alone.
+  EXPECT_EQ(helper({"levels", "Tamlo"}, {"TRACE=Tamlo/,Tamlo*/"}).out, "Tamlo/01\n");
+  EXPECT_EQ(helper({"levels", "Tamlo"}, {"TRACE=Tamlo/9"}).out, "Tamlo/019\n");
+}
+
+TEST(TraceEnvTest, NestedWildcardsListedAsTheyReadBack) {
+  ChildResult const r = helper({"dump"}, {"TRACE=A*/1,AB*/2,,ABCD/3,NoSlash"});
+  EXPECT_EQ(r.exitCode, 0);
+  // "ABCD" inherits from the shortest governing prefix, "A*", not "AB*"; the
+  // empty entry made an empty setting.
+  std::string const expectedSettings =
+      "\nSpecific:\n    /\n    ABCD/13\n    NoSlash/\nWildcard:\n    A*/1\n    AB*/12\n"
+      "    Tamlo*/01\nHandlers:\n";
+  EXPECT_EQ(r.out.substr(0, expectedSettings.size()), expectedSettings);
+  EXPECT_NE(r.out.find("    Tamlo/01\n"), std::string::npos);
+}
+
+TEST(TraceEnvTest, DefaultFormatLineLayout) {
+  ChildResult const r = helper({"trace", "opened /tmp/x", ""});
+  ASSERT_EQ(r.exitCode, 0);
+  std::string const pid = linesOf(r.out).at(0);
+  // The main thread's id is the pid. Level 2 is off by default.
+  EXPECT_TRUE(std::regex_match(r.err, std::regex("^" + dateTime + pid + " Tamlo 1 opened /tmp/x\n" +
+                                                 dateTime + pid + " Tamlo 1 \n$")))
+      << r.err;
+}
+
+TEST(TraceEnvTest, FieldsAppearInFixedOrderWhateverTheListOrder) {
+  ChildResult const r = helper({"trace", "msg"}, {"TRACEFORMAT=pid,date", "TRACE=Tamlo/2"});
+  ASSERT_EQ(r.exitCode, 0);
+  std::string const pid = linesOf(r.out).at(0);
+  std::string const date = R"(\d{4}-\d\d-\d\d )";
+  EXPECT_TRUE(std::regex_match(
+      r.err, std::regex("^" + date + pid + " msg\n" + date + pid + " level two: msg\n$")))
+      << r.err;
+
+  ChildResult const all =
+      helper({"trace", "msg"},
+             {"TRACEFORMAT=func-name,line-info,level,handle,tid,pid,time,date", "TRACE=Tamlo/"});
+  EXPECT_TRUE(std::regex_match(
+      all.err,
+      std::regex("^" + dateTime + "(\\d+) \\1 Tamlo 1 TraceHelper\\.cpp:\\d+ traceTexts msg\n$")))
+      << all.err;
+}
+
+TEST(TraceEnvTest, InvalidFormatChangesNothing) {
+  ChildResult const r = helper({"format"}, {"TRACEFORMAT=date,bogus"});
+  EXPECT_EQ(r.err,
+            "bogus is an invalid field in TRACEFORMAT\n"
+            "Set TRACEFORMAT=help for more information.\n");
+  EXPECT_EQ(r.out, "1 1 0 1 1 1 0 0\n");
+  // Field names are exact.
+  EXPECT_EQ(helper({"format"}, {"TRACEFORMAT=Date"}).err,
+            "Date is an invalid field in TRACEFORMAT\n"
+            "Set TRACEFORMAT=help for more information.\n");
+}
+
+TEST(TraceEnvTest, HelpPrintsFieldsAndKeepsFormat) {
+  ChildResult const r = helper({"format"}, {"TRACEFORMAT=help"});
+  EXPECT_EQ(r.err,
+            "Usage:\n  TRACEFORMAT=field,field,...\nList of possible fields:\n  date\n  time\n"
+            "  pid\n  tid\n  handle\n  level\n  line-info\n  func-name\n");
+  EXPECT_EQ(r.out, "1 1 0 1 1 1 0 0\n");
+}
+
+TEST(TraceEnvTest, EmptyFormatLeavesTheMessageAlone) {
+  ChildResult const r = helper({"format"}, {"TRACEFORMAT="});
+  EXPECT_EQ(r.out, "0 0 0 0 0 0 0 0\n");
+  EXPECT_EQ(r.err, "");
+  ChildResult const traced = helper({"trace", "bare"}, {"TRACEFORMAT="});
+  EXPECT_EQ(traced.err, "bare\n");
+  // Empty fields are skipped rather than rejected.
+  EXPECT_EQ(helper({"format"}, {"TRACEFORMAT=,level,,tid,"}).out, "0 0 0 1 0 1 0 0\n");
+}
+
+TEST(TraceEnvTest, TraceFileIsTruncatedAndReceivesTheLines) {
+  TempDir dir;
+  std::string const path = dir.file("trace.log");
+  std::ofstream(path) << "left over from an earlier run\n";
+  ChildResult const r =
+      helper({"trace", "one", "two"}, {"TRACEFILE=" + path, "TRACEFORMAT=level,handle"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(readFile(path), "Tamlo 1 one\nTamlo 1 two\n");
+}
+
+TEST(TraceEnvTest, UnopenableTraceFileFallsBackToStandardError) {
+  ChildResult const r = helper({"trace", "still here"},
+                               {"TRACEFILE=/nonexistent-dir/trace.log", "TRACEFORMAT=handle"});
+  EXPECT_EQ(r.exitCode, 0);
+  // Reported once, although the load applies two settings strings.
+  EXPECT_EQ(r.err,
+            "Error opening TRACEFILE=/nonexistent-dir/trace.log\n"
+            "Defaulting to std::cerr for trace output.\n"
+            "Tamlo still here\n");
+}
+
+TEST(TraceEnvTest, ChangedTraceFileIsOpenedAtTheNextSetup) {
+  TempDir dir;
+  ChildResult const r = helper({"reopen", dir.file("second.log")},
+                               {"TRACEFILE=" + dir.file("first.log"), "TRACEFORMAT=level"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(readFile(dir.file("first.log")), "0 before\n");
+  EXPECT_EQ(readFile(dir.file("second.log")), "0 after\n");
+
+  ChildResult const failed =
+      helper({"reopen", "/nonexistent-dir/x.log"}, {"TRACEFILE=" + dir.file("third.log")});
+  EXPECT_EQ(failed.exitCode, 0);
+  EXPECT_TRUE(
+      std::regex_match(failed.err, std::regex("^Error opening TRACEFILE=/nonexistent-dir/x.log\n"
+                                              "Defaulting to std::cerr for trace output.\n" +
+                                              dateTime + "\\d+ Tamlo 0 after\n$")))
+      << failed.err;
+}
+
+TEST(TraceEnvTest, LinesFromManyThreadsNeverInterleave) {
+  TempDir dir;
+  std::string const path = dir.file("threads.log");
+  int const threads = 4, perThread = 2000;
+  ChildResult const r = helper({"threads", std::to_string(threads), std::to_string(perThread)},
+                               {"TRACEFILE=" + path});
+  ASSERT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.err, "");
+
+  std::regex const whole("^" + dateTime + R"((\d+) TamloThreads 1 <t(\d) n(\d+) x{400} t\2 n\3>$)");
+  std::vector<std::string> const lines = linesOf(readFile(path));
+  ASSERT_EQ(lines.size(), static_cast<size_t>(threads * perThread));
+  std::map<int, int> nextPerThread;
+  for (std::string const& line : lines) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(line, m, whole)) << line;
+    int const t = std::stoi(m[2]);
+    // Each thread's lines appear whole, once, and in the order it wrote them.
+    EXPECT_EQ(std::stoi(m[3]), nextPerThread[t]++);
+  }
+  for (int t = 0; t < threads; ++t)
+    EXPECT_EQ(nextPerThread[t], perThread);
+}
+
+}  // namespace
