@@ -1,0 +1,174 @@
+// Trace lines as written in this process: the trace call's level test, the
+// prefix fields, the message bytes, DebugStream dumps, and the trace format
+// setters. Lines go to standard error, captured per test.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <cstdlib>
+#include <regex>
+#include <string>
+
+#include <Tamlo/Debug.h>
+#include <Tamlo/FmtraceCpp.h>
+#include <Tamlo/Thread.h>
+
+namespace {
+
+using Tamlo::Platform::dumpDebugMsg;
+using Tamlo::Platform::getDebugHandler;
+using Tamlo::Platform::setTraceFormat;
+
+class TraceOutputTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (std::getenv("TRACEFILE"))
+      GTEST_SKIP() << "trace lines go to TRACEFILE";
+    testing::internal::CaptureStderr();
+  }
+  void TearDown() override {
+    if (!std::getenv("TRACEFILE"))
+      (void)testing::internal::GetCapturedStderr();
+    setTraceFormat("date,time,tid,handle,level");
+  }
+  // What went to standard error since the last call.
+  std::string written() {
+    std::string text = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    return text;
+  }
+  std::string format() {
+    testing::internal::CaptureStdout();
+    Tamlo::Platform::printAllTraceFormat();
+    return testing::internal::GetCapturedStdout();
+  }
+};
+
+class Queue {
+ public:
+  explicit Queue(std::shared_ptr<Tamlo::Platform::DebugHandler> trace) : trace_(std::move(trace)) {}
+  void push(int count) { TAMLO_TRACE(trace_, 3, "queued {}", count); }
+
+ private:
+  std::shared_ptr<Tamlo::Platform::DebugHandler> trace_;
+};
+
+TEST_F(TraceOutputTest, TraceCallFromAMember) {
+  Tamlo::Platform::clearTraceFormat();
+  auto const handle = getDebugHandler("ToQueue");
+  handle->enabledIs(3, true);
+  Queue(handle).push(3);
+  EXPECT_EQ(written(), "Queue::push() queued 3\n");
+}
+
+TEST_F(TraceOutputTest, DisabledTraceFormatsNothing) {
+  auto const handle = getDebugHandler("ToOff");
+  int evaluated = 0;
+  TAMLO_TRACE(handle, 4, "{}", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+  handle->enabledIs(4, true);
+  TAMLO_TRACE(handle, 4, "{}", ++evaluated);
+  EXPECT_EQ(evaluated, 1);
+  TAMLO_TRACE(handle.get(), 5, "{}", ++evaluated);
+  EXPECT_EQ(evaluated, 1);
+  EXPECT_NE(written(), "");
+}
+
+TEST_F(TraceOutputTest, MessageBytesAreWrittenExactly) {
+  setTraceFormat("level");
+  auto const handle = getDebugHandler("ToBytes");
+  dumpDebugMsg("", 0, 4, handle.get(), nullptr, nullptr, 0);
+  EXPECT_EQ(written(), "4 \n");
+  Tamlo::Platform::clearTraceFormat();
+  dumpDebugMsg(nullptr, 0, 4, handle.get(), nullptr, nullptr, 0);
+  EXPECT_EQ(written(), "\n");
+  dumpDebugMsg("abcdef", 3, 1, handle.get(), nullptr, nullptr, 0);
+  EXPECT_EQ(written(), "abc\n");
+  std::string const embedded("a\0b", 3);
+  dumpDebugMsg(embedded.data(), embedded.size(), 1, handle.get(), nullptr, nullptr, 0);
+  EXPECT_EQ(written(), embedded + "\n");
+
+  std::string const longText = std::string(5000, 'L') + "!";
+  dumpDebugMsg(longText.data(), longText.size(), 1, handle.get(), nullptr, nullptr, 0);
+  EXPECT_TRUE(written() == longText + "\n");
+  handle->enabledIs(1, true);
+  TAMLO_TRACE(handle, 1, "{}", longText);
+  EXPECT_TRUE(written() ==
+              "TraceOutputTest_MessageBytesAreWrittenExactly_Test::TestBody() " + longText + "\n");
+}
+
+TEST_F(TraceOutputTest, EveryFieldInItsPlace) {
+  setTraceFormat("func-name,line-info,level,handle,tid,pid,time,date");
+  EXPECT_EQ(format(), "1 1 1 1 1 1 1 1\n");
+  auto const handle = getDebugHandler("ToFields");
+  dumpDebugMsg("msg", 3, 7, handle.get(), "/src/lib/Queue.cpp", "push", 42);
+  std::string const line = written();
+  std::regex const layout(
+      R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.(0|[1-9]\d{0,5}) (\d+) (\d+) ToFields 7 Queue\.cpp:42 push msg\n$)");
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(line, m, layout)) << line;
+  EXPECT_EQ(std::stoi(m[2]), static_cast<int>(getpid()));
+  EXPECT_EQ(std::stoi(m[3]), static_cast<int>(Tamlo::gettid()));
+
+  // Missing names and handle print as empty fields.
+  setTraceFormat("handle,line-info,func-name");
+  dumpDebugMsg("m", 1, 0, nullptr, nullptr, nullptr, 9);
+  EXPECT_EQ(written(), " :9  m\n");
+  dumpDebugMsg("m", 1, 0, handle.get(), "NoDirectory.cpp", "f", 9);
+  EXPECT_EQ(written(), "ToFields NoDirectory.cpp:9 f m\n");
+}
+
+TEST_F(TraceOutputTest, DebugStreamDumpsOneLine) {
+  setTraceFormat("handle,level,line-info,func-name");
+  auto const handle = getDebugHandler("ToStream");
+  Tamlo::Platform::DebugStream stream;
+  stream << "x=" << 5 << ' ' << 2.5;
+  handle->dump(stream, 2, "/a/b/file.cpp", 7, "fn");
+  EXPECT_EQ(written(), "ToStream 2 file.cpp:7 fn x=5 2.5\n");
+  Tamlo::Platform::DebugStream empty;
+  handle->dump(empty, 0, "f.cpp", 1, "g");
+  EXPECT_EQ(written(), "ToStream 0 f.cpp:1 g \n");
+}
+
+TEST_F(TraceOutputTest, FormatSetters) {
+  EXPECT_EQ(format(), "1 1 0 1 1 1 0 0\n");
+  setTraceFormat("tid,date,func-name");
+  EXPECT_EQ(format(), "1 0 0 1 0 0 0 1\n");
+  // All or nothing: an unknown field anywhere changes nothing.
+  setTraceFormat("level,line-info,nope,tid");
+  EXPECT_EQ(written(),
+            "nope is an invalid field in TRACEFORMAT\n"
+            "Set TRACEFORMAT=help for more information.\n");
+  EXPECT_EQ(format(), "1 0 0 1 0 0 0 1\n");
+  setTraceFormat("time,,pid,");
+  EXPECT_EQ(format(), "0 1 1 0 0 0 0 0\n");
+  setTraceFormat("help");
+  EXPECT_EQ(written().rfind("Usage:\n  TRACEFORMAT=field,field,...\n", 0), 0u);
+  EXPECT_EQ(format(), "0 1 1 0 0 0 0 0\n");
+  Tamlo::Platform::clearTraceFormat();
+  EXPECT_EQ(format(), "0 0 0 0 0 0 0 0\n");
+  setTraceFormat("level,level");
+  EXPECT_EQ(format(), "0 0 0 0 0 1 0 0\n");
+  setTraceFormat("");
+  EXPECT_EQ(format(), "0 0 0 0 0 0 0 0\n");
+  EXPECT_EQ(written(), "");
+}
+
+TEST_F(TraceOutputTest, TimeFieldShowsPlainMicroseconds) {
+  setTraceFormat("time");
+  auto const handle = getDebugHandler("ToTime");
+  for (int i = 0; i < 20; ++i)
+    dumpDebugMsg("t", 1, 0, handle.get(), nullptr, nullptr, 0);
+  std::regex const line(R"(\d\d:\d\d:\d\d\.(0|[1-9]\d{0,5}) t)");
+  std::string const text = written();
+  size_t lines = 0;
+  for (size_t start = 0; start < text.size(); ++lines) {
+    size_t const end = text.find('\n', start);
+    ASSERT_NE(end, std::string::npos);
+    std::string const one = text.substr(start, end - start);
+    EXPECT_TRUE(std::regex_match(one, line)) << one;
+    start = end + 1;
+  }
+  EXPECT_EQ(lines, 20u);
+}
+
+}  // namespace
