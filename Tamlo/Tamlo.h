@@ -5,6 +5,7 @@
 #include <Tamlo/Assert.h>
 #include <Tamlo/Backtrace.h>
 #include <Tamlo/CheckIncompat.h>
+#include <Tamlo/ConstStringCache.h>
 #include <Tamlo/Counters.h>
 #include <Tamlo/Debug.h>
 #include <Tamlo/DisplayPointer.h>
@@ -22,6 +23,12 @@
 #include <Tamlo/Platform.h>
 #include <Tamlo/Plugin.h>
 #include <Tamlo/Random.h>
+#include <Tamlo/TaskKey.h>
+#include <Tamlo/TaskMaybeU32.h>
+#include <Tamlo/TaskPriority.h>
+#include <Tamlo/TaskSchedulerHistory.h>
+#include <Tamlo/TaskStat.h>
+#include <Tamlo/TaskTime.h>
 #include <Tamlo/Terminate.h>
 #include <Tamlo/Thread.h>
 #include <Tamlo/TypeName.h>
