@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -137,6 +138,30 @@ class FdControl {
  protected:
   FdEventHandler* handler_;
 };
+
+// Turns the bytes of a value of a named type into text for diagnostics: the
+// renderer registered for the type name in the IntrospectionMap if there is
+// one and it says something, else a hexadecimal dump of the value's bytes.
+// Holds no state beyond its two fields; safe to share between threads.
+class ValuePrinter {
+ public:
+  ValuePrinter(std::string typeName, int32_t size) : typeName_(std::move(typeName)), size_(size) {}
+  // customToString(value), or the hex dump of `size` bytes when it is empty.
+  virtual std::string toString(void const* value);
+  virtual ~ValuePrinter() = default;
+
+  // The registered renderer's text, or "" when none is registered.
+  std::string customToString(void const* value) const;
+  std::string const& typeName() const { return typeName_; }
+  int32_t size() const { return size_; }
+
+ private:
+  std::string typeName_;
+  int32_t size_;
+};
+
+// A new printer on every call; nothing is cached.
+std::shared_ptr<ValuePrinter> getValuePrinter(std::string const& typeName, int size);
 
 // Factories of the libevent backend. The first control made on a thread
 // creates that thread's event base. Timer-wheel and task-backed overloads of

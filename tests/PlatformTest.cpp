@@ -1,9 +1,11 @@
 #include <Tamlo/Exception.h>
+#include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/Platform.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
 #include "TestSupport.h"
@@ -57,6 +59,38 @@ TEST(PlatformClockTest, TimeIsMonotonicSecondsPlusTheOffset) {
   double const second = Tamlo::time();
   EXPECT_GE(second, first);
   EXPECT_GT(first, 0.0);
+}
+
+std::string renderPoint(void const* value) {
+  auto const* const point = static_cast<int32_t const*>(value);
+  return fmt::format("Point({}, {})", point[0], point[1]);
+}
+std::string renderNothing(void const*) {
+  return "";
+}
+
+TEST(ValuePrinterTest, RegisteredRendererWinsOtherwiseHex) {
+  int32_t const point[2] = {3, -1};
+  Tamlo::IntrospectionMap::insert("PlatformTest::Point", renderPoint);
+  Tamlo::IntrospectionMap::insert("PlatformTest::Silent", renderNothing);
+
+  auto const printer = getValuePrinter("PlatformTest::Point", sizeof point);
+  EXPECT_EQ(printer->typeName(), "PlatformTest::Point");
+  EXPECT_EQ(printer->size(), 8);
+  EXPECT_EQ(printer->customToString(point), "Point(3, -1)");
+  EXPECT_EQ(printer->toString(point), "Point(3, -1)");
+  EXPECT_NE(getValuePrinter("PlatformTest::Point", 8), printer);  // not cached
+
+  uint32_t const word = 0x12345678;
+  auto const unknown = getValuePrinter("PlatformTest::Unknown", sizeof word);
+  EXPECT_EQ(unknown->customToString(&word), "");
+  EXPECT_EQ(unknown->toString(&word), "78 56 34 12");
+  EXPECT_EQ(getValuePrinter("PlatformTest::Silent", 2)->toString(&word), "78 56");
+  EXPECT_EQ(getValuePrinter("PlatformTest::Unknown", 0)->toString(&word), "");
+  EXPECT_EQ(unknown->toString(nullptr), "NULL");
+  Tamlo::IntrospectionMap::insert("PlatformTest::Point", nullptr);
+  Tamlo::IntrospectionMap::insert("PlatformTest::Silent", nullptr);
+  EXPECT_EQ(printer->toString(point), "03 00 00 00 ff ff ff ff");
 }
 
 }  // namespace
