@@ -54,13 +54,6 @@ TEST(PlatformSwitchesTest, ReleaseModeIsOffAndRefCountingIsNotAvailable) {
               HasSubstr("Tamlo::Platform::refCountingEnabledIs() not available in libTamlo.so"));
 }
 
-TEST(PlatformClockTest, TimeIsMonotonicSecondsPlusTheOffset) {
-  double const first = Tamlo::time();
-  double const second = Tamlo::time();
-  EXPECT_GE(second, first);
-  EXPECT_GT(first, 0.0);
-}
-
 std::string renderPoint(void const* value) {
   auto const* const point = static_cast<int32_t const*>(value);
   return fmt::format("Point({}, {})", point[0], point[1]);
