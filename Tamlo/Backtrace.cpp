@@ -1,9 +1,13 @@
 #include <Tamlo/Backtrace.h>
 
-#include <boost/circular_buffer.hpp>
-#include <cstdlib>
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <boost/circular_buffer.hpp>
+#include <charconv>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <mutex>
 
 #include <fmt/format.h>
@@ -13,44 +17,98 @@
 
 namespace Tamlo {
 
+namespace {
+
+// Inlined into each constructor so that frame 0 of the walk is always the
+// constructor itself, whatever the optimiser does with helper calls.
+[[gnu::always_inline]] inline void captureFrames(std::vector<void*>& frames, int skipFrames) {
+  void* walked[Backtrace::maxFrames];
+  int const count = unw_backtrace(walked, Backtrace::maxFrames);
+  int const first = 1 + (skipFrames > 0 ? skipFrames : 0);
+  if (count > first)
+    frames.assign(walked + first, walked + count);
+}
+
+std::string demangled(char const* symbol) {
+  int status = 0;
+  char* const text = abi::__cxa_demangle(symbol, nullptr, nullptr, &status);
+  std::string result = status == 0 && text ? text : symbol;
+  std::free(text);
+  return result;
+}
+
+struct FrameSymbol {
+  std::string function = "??";
+  uintptr_t offset = 0;
+  char const* object = "??";
+};
+
+FrameSymbol symbolFor(void* frame) {
+  FrameSymbol symbol;
+  auto const pc = reinterpret_cast<uintptr_t>(frame);
+  // Frames are return addresses; the call itself is the byte before, which
+  // matters when a call is the last instruction of its function.
+  uintptr_t const lookup = pc > 0 ? pc - 1 : pc;
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(lookup), &info) == 0)
+    return symbol;
+  if (info.dli_fname && info.dli_fname[0] != '\0')
+    symbol.object = info.dli_fname;
+  if (info.dli_sname) {
+    symbol.function = demangled(info.dli_sname);
+    symbol.offset = pc - reinterpret_cast<uintptr_t>(info.dli_saddr);
+    return symbol;
+  }
+  // Not in the dynamic symbol table (static functions, executables linked
+  // without -rdynamic): libunwind reads the object's full symbol table.
+  char name[512];
+  unw_word_t offset = 0;
+  unw_accessors_t* const accessors = unw_get_accessors(unw_local_addr_space);
+  if (accessors && accessors->get_proc_name &&
+      accessors->get_proc_name(unw_local_addr_space, lookup, name, sizeof name, &offset, nullptr) ==
+          0) {
+    symbol.function = demangled(name);
+    symbol.offset = static_cast<uintptr_t>(offset) + (pc - lookup);
+    return symbol;
+  }
+  symbol.offset = pc - reinterpret_cast<uintptr_t>(info.dli_fbase);
+  return symbol;
+}
+
+}  // namespace
+
 Backtrace::Backtrace(bool capture) {
-  if (!capture)
-    return;
-  void* frames[maxFrames];
-  int const count = unw_backtrace(frames, maxFrames);
-  // The first frame is this constructor: not worth showing.
-  if (count > 1)
-    frames_.assign(frames + 1, frames + count);
+  if (capture)
+    captureFrames(frames_, 0);
+}
+
+Backtrace::Backtrace(bool capture, int skipFrames) {
+  if (capture)
+    captureFrames(frames_, skipFrames);
 }
 
 std::string Backtrace::pretty() const {
   std::string text;
   for (size_t i = 0; i < frames_.size(); ++i) {
-    auto const pc = reinterpret_cast<uintptr_t>(frames_[i]);
-    Dl_info info{};
-    bool const found = dladdr(frames_[i], &info) != 0;
-    std::string function = "??";
-    uintptr_t offset = 0;
-    if (found && info.dli_sname) {
-      int status = 0;
-      char* const demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-      function = status == 0 && demangled ? demangled : info.dli_sname;
-      std::free(demangled);
-      offset = pc - reinterpret_cast<uintptr_t>(info.dli_saddr);
-    } else if (found) {
-      offset = pc - reinterpret_cast<uintptr_t>(info.dli_fbase);
-    }
-    char const* object = found && info.dli_fname ? info.dli_fname : "??";
-    fmt::format_to(std::back_inserter(text), "#{} 0x{:016x} {}+0x{:x} in {}\n", i, pc, function,
-                   offset, object);
+    FrameSymbol const symbol = symbolFor(frames_[i]);
+    if (i > 0)
+      text.push_back('\n');
+    fmt::format_to(std::back_inserter(text), "#{} 0x{:016x} {}+0x{:x} in {}", i,
+                   reinterpret_cast<uintptr_t>(frames_[i]), symbol.function, symbol.offset,
+                   symbol.object);
   }
   return text;
 }
 
 int Backtrace::verbosity() {
   static int const level = [] {
-    char const* value = std::getenv("TAMLO_BACKTRACE_VERBOSITY");
-    return value ? std::atoi(value) : 0;
+    char const* const value = std::getenv("TAMLO_BACKTRACE_VERBOSITY");
+    if (!value)
+      return 0;
+    char const* const end = value + std::strlen(value);
+    int parsed = 0;
+    auto const [stop, error] = std::from_chars(value, end, parsed);
+    return error == std::errc() && stop == end ? parsed : 0;
   }();
   return level;
 }
@@ -63,7 +121,9 @@ struct Tracked {
 };
 
 Tracked& tracked() {
-  static Tracked* const instance = new Tracked;  // exceptions may be made during exit
+  // Deliberately leaked: exceptions may be made during process exit, after
+  // every static destructor has run.
+  static Tracked* const instance = new Tracked;
   return *instance;
 }
 
@@ -79,10 +139,8 @@ void BacktraceTracker::backtraceIs(std::string const& message, Backtrace const& 
 void BacktraceTracker::capacityIs(size_t capacity) {
   Tracked& t = tracked();
   std::lock_guard<std::mutex> guard(t.mutex);
-  // set_capacity keeps the oldest; the newest are the ones worth keeping.
-  while (t.ring.size() > capacity)
-    t.ring.pop_front();
-  t.ring.set_capacity(capacity);
+  // rset_capacity drops from the front: the oldest entries go first.
+  t.ring.rset_capacity(capacity);
 }
 
 size_t BacktraceTracker::capacity() {

@@ -6,14 +6,18 @@
 
 namespace Tamlo {
 
+// The backtrace leaves this constructor out: it starts where the exception
+// was made.
 Exception::Exception(std::string const& msg, bool backtraceFlag)
-    : backtrace_(backtraceFlag), message_(msg) {
+    : backtrace_(backtraceFlag, 1), message_(msg) {
   BacktraceTracker::backtraceIs(message_, backtrace_);
 }
 
 Exception::~Exception() = default;
 
-char const* Exception::name() const { return "Tamlo::Exception"; }
+char const* Exception::name() const {
+  return "Tamlo::Exception";
+}
 
 std::string Exception::msg() const {
   std::string text = name();
@@ -22,16 +26,21 @@ std::string Exception::msg() const {
 }
 
 char const* Exception::what() const noexcept {
-  // noexcept: a failure while building the text ends the process.
+  // noexcept: a failure while building the text ends the process. An empty
+  // cache always means "not built yet": the built text is never empty.
   if (whatText_.empty())
     whatText_ = msg() + "\n" + backtrace_.pretty();
   return whatText_.c_str();
 }
 
-void Exception::throwException(std::string const& msg) { throw Exception(msg); }
+void Exception::throwException(std::string const& msg) {
+  throw Exception(msg);
+}
 
-#define TAMLO_DEFINE_THROWER(Class) \
-  void Class::throwException(std::string const& msg) { throw Class(msg); }
+#define TAMLO_DEFINE_THROWER(Class)                    \
+  void Class::throwException(std::string const& msg) { \
+    throw Class(msg);                                  \
+  }
 
 TAMLO_DEFINE_THROWER(MemoryResourceException)
 TAMLO_DEFINE_THROWER(NoPermissionException)

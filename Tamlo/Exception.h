@@ -10,17 +10,23 @@
 
 namespace Tamlo {
 
+// The base of the family. A plain value; what() fills a cache on first call,
+// so one exception object must not have its first what() raced by two
+// threads.
 class Exception : public std::exception {
  public:
-  // Captures a backtrace when `backtraceFlag` and records (message, backtrace)
-  // with the BacktraceTracker.
+  // Captures the backtrace of the caller when `backtraceFlag` is set, and
+  // records (message, backtrace) with the BacktraceTracker.
   explicit Exception(std::string const& msg, bool backtraceFlag = true);
   ~Exception() override;
 
-  // msg() + "\n" + the backtrace, built on first call and cached.
+  // msg() + "\n" + the backtrace, built on the first call and then kept.
+  // Ends the process if the text cannot be built.
   char const* what() const noexcept override;
+  // The class's fixed name, for example "Tamlo::RuntimeException".
   virtual char const* name() const;
-  // Name("message"), for example Tamlo::RuntimeException("socket closed").
+  // name() + "(\"" + message + "\")", for example
+  // Tamlo::RuntimeException("socket closed").
   std::string msg() const;
   std::string const& message() const { return message_; }
   Tamlo::Backtrace const& backtrace() const { return backtrace_; }
