@@ -1,6 +1,7 @@
 #include <Tamlo/Locking.h>
 
 #include <bits/gthr.h>
+#include <cstring>
 #include <system_error>
 #include <thread>
 
@@ -10,9 +11,21 @@
 namespace Tamlo::Locking {
 namespace Impl {
 
-bool threadsActive() { return __gthread_active_p() != 0; }
+namespace {
+std::atomic<bool> threadsInactiveInTest{false};
+}  // namespace
 
-pthread_t currentOwnerId() { return threadsActive() ? pthread_self() : pthread_t(1); }
+bool threadsActive() {
+  return __gthread_active_p() != 0 && !threadsInactiveInTest.load(std::memory_order_relaxed);
+}
+
+pthread_t currentOwnerId() {
+  return threadsActive() ? pthread_self() : pthread_t(1);
+}
+
+void threadsInactiveInTestIs(bool inactive) {
+  threadsInactiveInTest.store(inactive, std::memory_order_relaxed);
+}
 
 }  // namespace Impl
 
@@ -26,6 +39,8 @@ void initMutex(pthread_mutex_t& mutex, int kind) {
   pthread_mutexattr_destroy(&attr);
 }
 
+// Without the threading runtime there is nobody to exclude: the mutex is left
+// alone and only the nominal owner is recorded.
 void lockMutex(pthread_mutex_t& mutex) {
   if (!Impl::threadsActive())
     return;
@@ -42,18 +57,23 @@ void unlockMutex(pthread_mutex_t& mutex) {
     pthread_mutex_unlock(&mutex);
 }
 
-// pthread_t and std::thread::id hold the same native handle on this platform.
+// pthread_t and std::thread::id hold the same native handle here, so owners
+// print like every other thread id of the library.
 std::thread::id asThreadId(pthread_t thread) {
   static_assert(sizeof(std::thread::id) == sizeof(pthread_t));
   std::thread::id id;
-  __builtin_memcpy(static_cast<void*>(&id), &thread, sizeof thread);
+  std::memcpy(static_cast<void*>(&id), &thread, sizeof thread);
   return id;
 }
 
 }  // namespace
 
-Lock::Lock() { initMutex(mutex_, PTHREAD_MUTEX_NORMAL); }
-Lock::~Lock() { pthread_mutex_destroy(&mutex_); }
+Lock::Lock() {
+  initMutex(mutex_, PTHREAD_MUTEX_NORMAL);
+}
+Lock::~Lock() {
+  pthread_mutex_destroy(&mutex_);
+}
 
 void Lock::lock() {
   lockMutex(mutex_);
@@ -72,26 +92,31 @@ bool Lock::owns_lock() const {
 }
 
 void Lock::unlock() {
-  pthread_t const owner = owner_.load(std::memory_order_relaxed);
   TAMLO_ASSERT(owns_lock(),
                "attempting to release a lock that is not currently held, owner:{} me:{}",
-               asThreadId(owner), asThreadId(pthread_self()));
+               asThreadId(owner_.load(std::memory_order_relaxed)), asThreadId(pthread_self()));
   owner_.store(0, std::memory_order_relaxed);
   unlockMutex(mutex_);
 }
 
-RecursiveLock::RecursiveLock() { initMutex(mutex_, PTHREAD_MUTEX_RECURSIVE); }
-RecursiveLock::~RecursiveLock() { pthread_mutex_destroy(&mutex_); }
+RecursiveLock::RecursiveLock() {
+  initMutex(mutex_, PTHREAD_MUTEX_RECURSIVE);
+}
+RecursiveLock::~RecursiveLock() {
+  pthread_mutex_destroy(&mutex_);
+}
 
 void RecursiveLock::lock() {
   lockMutex(mutex_);
   owner_.store(Impl::currentOwnerId(), std::memory_order_relaxed);
+  depth_.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool RecursiveLock::try_lock() {
   if (!tryLockMutex(mutex_))
     return false;
   owner_.store(Impl::currentOwnerId(), std::memory_order_relaxed);
+  depth_.fetch_add(1, std::memory_order_relaxed);
   return true;
 }
 
@@ -100,19 +125,16 @@ bool RecursiveLock::owns_lock() const {
 }
 
 int RecursiveLock::lockCount() const {
-  if (!Impl::threadsActive())
-    return owner_.load(std::memory_order_relaxed) != 0 ? 1 : 0;
-  // The depth the recursive mutex itself keeps (glibc); meaningful to its owner.
-  return owns_lock() ? static_cast<int>(mutex_.__data.__count) : 0;
+  return depth_.load(std::memory_order_relaxed);
 }
 
 void RecursiveLock::unlock() {
   int const depth = lockCount();
-  pthread_t const owner = owner_.load(std::memory_order_relaxed);
   TAMLO_ASSERT(
       owns_lock() && depth >= 1,
       "attempting to release a lock that is not currently held, owner:{} me:{} lockCount:{}",
-      asThreadId(owner), asThreadId(pthread_self()), depth);
+      asThreadId(owner_.load(std::memory_order_relaxed)), asThreadId(pthread_self()), depth);
+  depth_.store(depth - 1, std::memory_order_relaxed);
   if (depth == 1)
     owner_.store(0, std::memory_order_relaxed);
   unlockMutex(mutex_);

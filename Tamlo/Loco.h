@@ -9,6 +9,7 @@
 namespace Tamlo {
 namespace Platform {
 
+// The interface of the library lock: recursive, owner-recording.
 class Loco {
  public:
   virtual void lock() = 0;
@@ -17,6 +18,7 @@ class Loco {
   virtual ~Loco() = default;
 };
 
+// The one library lock, created on first call (from any thread).
 Loco& loco();
 
 // Holds the library lock for a scope.
@@ -33,6 +35,7 @@ class LocoGuard {
 
 }  // namespace Platform
 
+// The library lock's implementation: a RecursiveLock.
 class Loco final : public Platform::Loco {
  public:
   void lock() override { lock_.lock(); }
