@@ -8,8 +8,12 @@ namespace {
 bool throwOnAssertFail_ = false;
 }  // namespace
 
-void throwOnAssertFailIs(bool throwOnAssertFail) { throwOnAssertFail_ = throwOnAssertFail; }
-bool throwOnAssertFail() { return throwOnAssertFail_; }
+void throwOnAssertFailIs(bool throwOnAssertFail) {
+  throwOnAssertFail_ = throwOnAssertFail;
+}
+bool throwOnAssertFail() {
+  return throwOnAssertFail_;
+}
 
 namespace Impl {
 namespace {
@@ -23,10 +27,10 @@ void traceAssertion(Platform::DebugHandler const* handle, std::string const& tex
 
 }  // namespace
 
-void vassertFail(char const* fileName, int line, SourceScope const& scope,
-                 fmt::string_view format, fmt::format_args args) {
-  std::string const text = Fmt::Impl::vformatstr(fileName, line, scope.hasClass(),
-                                                  scope.funcName(), scope.className(), format, args);
+void vassertFail(char const* fileName, int line, SourceScope const& scope, fmt::string_view format,
+                 fmt::format_args args) {
+  std::string const text = Fmt::Impl::vformatstr(fileName, line, scope.hasClass(), scope.funcName(),
+                                                 scope.className(), format, args);
   traceAssertion(TAMLO_DEFAULT_HANDLE.get(), text, fileName, scope.funcName(), line);
   AssertException::throwException(text);
 }

@@ -27,8 +27,7 @@ namespace Impl {
 
 template <typename... Args>
 [[noreturn, gnu::cold, gnu::noinline]] void assertFail(char const* fileName, int line,
-                                                       char const* prettyFunction,
-                                                       char const* func,
+                                                       char const* prettyFunction, char const* func,
                                                        fmt::format_string<Args...> format,
                                                        Args&&... args) {
   vassertFail(fileName, line, SourceScope(prettyFunction, func), format,
@@ -49,11 +48,10 @@ template <typename... Args>
 
 // TAMLO_ASSERT(condition, "format {}", args...): the enclosing class and
 // function are taken from the call site.
-#define TAMLO_ASSERT(condition, ...)                                                    \
-  do {                                                                                  \
-    if (!(condition)) [[unlikely]]                                                      \
-      ::Tamlo::Impl::assertFail(__FILE__, __LINE__, __PRETTY_FUNCTION__, __func__,      \
-                                __VA_ARGS__);                                           \
+#define TAMLO_ASSERT(condition, ...)                                                             \
+  do {                                                                                           \
+    if (!(condition)) [[unlikely]]                                                               \
+      ::Tamlo::Impl::assertFail(__FILE__, __LINE__, __PRETTY_FUNCTION__, __func__, __VA_ARGS__); \
   } while (0)
 
 // Fails unconditionally; usable where a value is expected after it.

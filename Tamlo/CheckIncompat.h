@@ -1,3 +1,4 @@
+// Detection of an incompatible platform library in the same process.
 #pragma once
 
 // Exported and interposable: another library that defines it with another
@@ -8,9 +9,9 @@ namespace Tamlo {
 
 constexpr int PLATFORM_LIB_FLAG_TAMLO = 2;
 
-// Aborts when a library incompatible with this one has been loaded, then
-// promotes this library's symbols to global scope. Clients call it early at
-// start-up; the library never calls it itself.
+// Fails a C assertion (aborting at once) when a library incompatible with this
+// one has been loaded, then promotes this library's symbols to global scope.
+// Clients call it early at start-up; the library never calls it itself.
 void checkIncompat();
 
 }  // namespace Tamlo

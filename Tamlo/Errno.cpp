@@ -1,7 +1,7 @@
 #include <Tamlo/Errno.h>
 
-#include <cerrno>
 #include <string.h>
+#include <cerrno>
 
 #include <Tamlo/Assert.h>
 

@@ -1,9 +1,9 @@
 #include <Tamlo/Thread.h>
 
-#include <cstring>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <cstring>
 
 #include <Tamlo/Assert.h>
 
@@ -18,18 +18,26 @@ thread_local bool threadLocalSingletonsLocked_ = false;
 thread_local char threadNameCache_[16] = {};
 }  // namespace
 
-pid_t gettid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+pid_t gettid() {
+  return static_cast<pid_t>(syscall(SYS_gettid));
+}
 
-bool isMainThread() { return gettid() == getpid(); }
+bool isMainThread() {
+  return gettid() == getpid();
+}
 
-void setMainThread() { mainThread = isMainThread(); }
+void setMainThread() {
+  mainThread = isMainThread();
+}
 
 void threadNameIs(char const* name) {
   // The main thread's name is the process name; it is never changed.
   if (isMainThread())
     return;
+  TAMLO_ASSERT(name != nullptr, "null thread name");
   int const error = pthread_setname_np(pthread_self(), name);
   TAMLO_ASSERT(error == 0, "pthread_setname_np() failed:{} for name:{}", error, name);
+  // The system accepted it, so it fits; the cut is only a safeguard.
   std::strncpy(threadNameCache_, name, sizeof threadNameCache_);
   threadNameCache_[sizeof threadNameCache_ - 1] = '\0';
 }

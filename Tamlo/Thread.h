@@ -3,8 +3,8 @@
 // thread-local singletons. Everything here is per thread and takes no lock.
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+#include <string>
 #include <thread>
 
 #include <fmt/format.h>
@@ -19,9 +19,12 @@ pid_t gettid();
 bool isMainThread();
 void setMainThread();
 
-// Names a thread other than the main one (at most 15 characters; longer
-// names are refused by the system and end in an assertion).
+// Names a thread other than the main one, whose name is the process name and
+// is left alone. At most 15 characters: longer names are refused by the
+// system and end in an assertion.
 void threadNameIs(char const* name);
+// The name given by threadNameIs(), else the system's name for the thread
+// (read once and cached). Valid for the calling thread's lifetime.
 char const* threadName();
 
 // The native handle as a decimal number, or
@@ -36,6 +39,8 @@ bool hasThreadLocalSingletons();
 
 }  // namespace Tamlo
 
+// Thread ids print through toThreadIdString(). Do not combine with
+// <fmt/std.h>, which brings its own formatter for std::thread::id.
 template <>
 struct fmt::formatter<std::thread::id> : fmt::formatter<std::string_view> {
   auto format(std::thread::id id, fmt::format_context& context) const {

@@ -1,7 +1,7 @@
 #include <Tamlo/TypeName.h>
 
-#include <cstdlib>
 #include <cxxabi.h>
+#include <cstdlib>
 
 #include <Tamlo/Assert.h>
 
