@@ -1,0 +1,253 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <typeinfo>
+#include <vector>
+
+#include <Tamlo/Assert.h>
+#include <Tamlo/Backtrace.h>
+#include <Tamlo/Exception.h>
+#include <Tamlo/TypeName.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+struct Thrower {
+  char const* name;
+  std::function<void(std::string const&)> throwException;
+};
+
+std::vector<Thrower> const& allThrowers() {
+  static std::vector<Thrower> const throwers = {
+      {"Tamlo::MemoryResourceException", Tamlo::MemoryResourceException::throwException},
+      {"Tamlo::NoPermissionException", Tamlo::NoPermissionException::throwException},
+      {"Tamlo::UnimplementedException", Tamlo::UnimplementedException::throwException},
+      {"Tamlo::InvalidInitializeException", Tamlo::InvalidInitializeException::throwException},
+      {"Tamlo::RuntimeException", Tamlo::RuntimeException::throwException},
+      {"Tamlo::OutOfRangeException", Tamlo::OutOfRangeException::throwException},
+      {"Tamlo::CorruptionDetectedException", Tamlo::CorruptionDetectedException::throwException},
+      {"Tamlo::InvalidSizeException", Tamlo::InvalidSizeException::throwException},
+      {"Tamlo::AssertException", Tamlo::AssertException::throwException},
+  };
+  return throwers;
+}
+
+// Restores the tracker's capacity and contents around a test.
+class TrackerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Tamlo::BacktraceTracker::clear();
+    Tamlo::BacktraceTracker::capacityIs(Tamlo::BacktraceTracker::defaultCapacity);
+  }
+  void TearDown() override { SetUp(); }
+
+  static std::vector<std::string> trackedMessages() {
+    std::vector<std::string> messages;
+    for (auto const& entry : Tamlo::BacktraceTracker::entries())
+      messages.push_back(entry.first);
+    return messages;
+  }
+};
+
+// Each frame line: "#<n> 0x<16 hex digits> <function>+0x<hex> in <object>".
+std::regex const frameLine(R"(#(\d+) 0x[0-9a-f]{16} .+\+0x[0-9a-f]+ in .+)");
+
+std::vector<std::string> linesOf(std::string const& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+[[gnu::noinline]] void throwFromNamedFunction() {
+  Tamlo::OutOfRangeException::throwException("index 12 beyond 10");
+}
+
+[[gnu::noinline]] Tamlo::Backtrace captureHere() {
+  return Tamlo::Backtrace(true);
+}
+
+}  // namespace
+
+TEST(ExceptionTest, EveryClassHasItsNameAndIsCaughtAsException) {
+  // Without it AssertException::throwException() ends the process.
+  Tamlo::Test::ThrowOnAssert const throwOnAssert;
+  for (auto const& thrower : allThrowers()) {
+    SCOPED_TRACE(thrower.name);
+    try {
+      thrower.throwException("boom");
+      FAIL() << "did not throw";
+    } catch (Tamlo::Exception const& e) {
+      EXPECT_STREQ(e.name(), thrower.name);
+      EXPECT_EQ(e.msg(), std::string(thrower.name) + "(\"boom\")");
+      EXPECT_EQ(e.message(), "boom");
+      EXPECT_EQ(Tamlo::typeName(e), thrower.name);
+    }
+  }
+}
+
+TEST(ExceptionTest, BaseClassNameAndMessage) {
+  Tamlo::Exception const e("plain");
+  EXPECT_STREQ(e.name(), "Tamlo::Exception");
+  EXPECT_EQ(e.msg(), "Tamlo::Exception(\"plain\")");
+}
+
+TEST(ExceptionTest, InvalidSizeIsCaughtAsCorruption) {
+  bool caught = false;
+  try {
+    Tamlo::InvalidSizeException::throwException("length 3");
+  } catch (Tamlo::CorruptionDetectedException const& e) {
+    caught = true;
+    EXPECT_STREQ(e.name(), "Tamlo::InvalidSizeException");
+  }
+  EXPECT_TRUE(caught);
+}
+
+TEST(ExceptionTest, MessageIsKeptVerbatim) {
+  EXPECT_EQ(Tamlo::RuntimeException("").msg(), "Tamlo::RuntimeException(\"\")");
+  // Not a format string, and quotes are not escaped.
+  EXPECT_EQ(Tamlo::RuntimeException("{} \"x\" %s\n").msg(),
+            "Tamlo::RuntimeException(\"{} \"x\" %s\n\")");
+}
+
+TEST(ExceptionTest, WhatIsMsgThenBacktraceBuiltOnce) {
+  Tamlo::RuntimeException const e("socket closed");
+  char const* const first = e.what();
+  EXPECT_EQ(std::string(first), e.msg() + "\n" + e.backtrace().pretty());
+  // The cached text itself comes back, not a rebuilt copy.
+  EXPECT_EQ(e.what(), first);
+  // A copy carries the same text.
+  Tamlo::RuntimeException const copy(e);
+  EXPECT_STREQ(copy.what(), first);
+}
+
+TEST(ExceptionTest, WithoutBacktraceWhatIsMsgAndNewline) {
+  Tamlo::Exception const e("quiet", false);
+  EXPECT_EQ(e.backtrace().frameCount(), 0u);
+  EXPECT_EQ(e.backtrace().pretty(), "");
+  EXPECT_EQ(std::string(e.what()), "Tamlo::Exception(\"quiet\")\n");
+}
+
+TEST(BacktraceTest, StartsAtTheCallerOneFramePerLine) {
+  Tamlo::Backtrace const backtrace = captureHere();
+  ASSERT_GE(backtrace.frameCount(), 2u);
+  std::vector<std::string> const lines = linesOf(backtrace.pretty());
+  ASSERT_EQ(lines.size(), backtrace.frameCount());
+  for (size_t i = 0; i < lines.size(); ++i) {
+    SCOPED_TRACE(lines[i]);
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(lines[i], match, frameLine));
+    EXPECT_EQ(match[1], std::to_string(i));
+  }
+  // Not in the dynamic symbol table: named from the executable's own symbols.
+  EXPECT_THAT(lines[0], HasSubstr("captureHere()+0x"));
+  EXPECT_THAT(lines[0], HasSubstr(" in "));
+  EXPECT_THAT(lines[0], EndsWith("ExceptionTest"));
+  EXPECT_THAT(backtrace.pretty(), Not(HasSubstr("Tamlo::Backtrace::Backtrace")));
+  EXPECT_NE(backtrace.pretty().back(), '\n');
+}
+
+TEST(BacktraceTest, ExceptionBacktraceStartsWhereItWasMade) {
+  try {
+    throwFromNamedFunction();
+    FAIL() << "did not throw";
+  } catch (Tamlo::Exception const& e) {
+    std::string const text = e.backtrace().pretty();
+    EXPECT_THAT(text, Not(HasSubstr("Tamlo::Exception::Exception")));
+    EXPECT_THAT(text, HasSubstr("Tamlo::OutOfRangeException::throwException("));
+    EXPECT_THAT(text, HasSubstr("libTamlo.so"));
+    EXPECT_THAT(text, HasSubstr("throwFromNamedFunction()+0x"));
+    // The thrower is reached before the function that called it.
+    EXPECT_LT(text.find("throwException("), text.find("throwFromNamedFunction()"));
+    EXPECT_THAT(std::string(e.what()),
+                StartsWith("Tamlo::OutOfRangeException(\"index 12 beyond 10\")\n#0 0x"));
+  }
+}
+
+TEST(BacktraceTest, EmptyWhenNotCaptured) {
+  Tamlo::Backtrace const backtrace(false);
+  EXPECT_EQ(backtrace.frameCount(), 0u);
+  EXPECT_EQ(backtrace.pretty(), "");
+}
+
+TEST_F(TrackerTest, RecordsEveryExceptionInOrder) {
+  Tamlo::RuntimeException const first("first");
+  Tamlo::Exception const second("second", false);
+  auto const entries = Tamlo::BacktraceTracker::entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].first, "first");
+  EXPECT_EQ(entries[0].second.pretty(), first.backtrace().pretty());
+  EXPECT_EQ(entries[1].first, "second");
+  EXPECT_EQ(entries[1].second.frameCount(), 0u);
+}
+
+TEST_F(TrackerTest, RingKeepsTheNewestWhenFullAndWhenShrunk) {
+  Tamlo::BacktraceTracker::capacityIs(3);
+  EXPECT_EQ(Tamlo::BacktraceTracker::capacity(), 3u);
+  for (char const* message : {"a", "b", "c", "d", "e"})
+    Tamlo::RuntimeException const e(message);
+  EXPECT_EQ(trackedMessages(), (std::vector<std::string>{"c", "d", "e"}));
+
+  Tamlo::BacktraceTracker::capacityIs(2);
+  EXPECT_EQ(trackedMessages(), (std::vector<std::string>{"d", "e"}));
+
+  // Growing keeps what is there and makes room for more.
+  Tamlo::BacktraceTracker::capacityIs(4);
+  for (char const* message : {"f", "g", "h"})
+    Tamlo::RuntimeException const e(message);
+  EXPECT_EQ(trackedMessages(), (std::vector<std::string>{"e", "f", "g", "h"}));
+}
+
+TEST_F(TrackerTest, ZeroCapacityStopsTracking) {
+  Tamlo::RuntimeException const before("before");
+  Tamlo::BacktraceTracker::capacityIs(0);
+  EXPECT_TRUE(trackedMessages().empty());
+  Tamlo::RuntimeException const during("during");
+  EXPECT_TRUE(trackedMessages().empty());
+  Tamlo::BacktraceTracker::capacityIs(1);
+  Tamlo::RuntimeException const after("after");
+  EXPECT_EQ(trackedMessages(), (std::vector<std::string>{"after"}));
+}
+
+TEST_F(TrackerTest, ConcurrentExceptionsAndResizes) {
+  constexpr int threads = 4;
+  constexpr int perThread = 200;
+  std::atomic<bool> stop{false};
+  std::thread resizer([&] {
+    for (size_t capacity = 1; !stop.load(); capacity = capacity % 8 + 1)
+      Tamlo::BacktraceTracker::capacityIs(capacity);
+  });
+  std::vector<std::thread> throwers;
+  for (int t = 0; t < threads; ++t)
+    throwers.emplace_back([t] {
+      for (int i = 0; i < perThread; ++i) {
+        try {
+          Tamlo::RuntimeException::throwException(std::to_string(t));
+        } catch (Tamlo::Exception const& e) {
+          ASSERT_EQ(e.message(), std::to_string(t));
+        }
+      }
+    });
+  for (auto& thrower : throwers)
+    thrower.join();
+  stop = true;
+  resizer.join();
+
+  Tamlo::BacktraceTracker::capacityIs(5);
+  for (int i = 0; i < 5; ++i)
+    Tamlo::RuntimeException const e("last");
+  EXPECT_EQ(trackedMessages(), std::vector<std::string>(5, "last"));
+}

@@ -1,0 +1,133 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include <Tamlo/Exception.h>
+#include <Tamlo/Thread.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+using ::testing::EndsWith;
+
+// The name the kernel keeps for the calling thread.
+std::string kernelThreadName() {
+  char name[16] = {};
+  prctl(PR_GET_NAME, name);
+  return name;
+}
+
+// Runs `body` on a new thread and waits for it.
+template <typename Body>
+void onNewThread(Body body) {
+  std::thread(body).join();
+}
+
+template <typename Body>
+std::string assertionText(Body body) {
+  Tamlo::Test::ThrowOnAssert const throwOnAssert;
+  try {
+    body();
+  } catch (Tamlo::AssertException const& e) {
+    return e.message();
+  }
+  ADD_FAILURE() << "no assertion";
+  return {};
+}
+
+}  // namespace
+
+TEST(ThreadTest, MainThreadIsTheProcess) {
+  EXPECT_EQ(Tamlo::gettid(), getpid());
+  EXPECT_TRUE(Tamlo::isMainThread());
+  Tamlo::setMainThread();
+  EXPECT_TRUE(Tamlo::mainThread);
+  onNewThread([] {
+    EXPECT_NE(Tamlo::gettid(), getpid());
+    EXPECT_FALSE(Tamlo::isMainThread());
+    // Per thread, and false until set.
+    EXPECT_FALSE(Tamlo::mainThread);
+    Tamlo::setMainThread();
+    EXPECT_FALSE(Tamlo::mainThread);
+  });
+}
+
+TEST(ThreadTest, MainThreadNameIsNeverChanged) {
+  std::string const processName = kernelThreadName();
+  Tamlo::threadNameIs("worker");
+  EXPECT_EQ(kernelThreadName(), processName);
+  EXPECT_EQ(Tamlo::threadName(), processName);
+}
+
+TEST(ThreadTest, OtherThreadTakesFifteenCharacters) {
+  onNewThread([] {
+    Tamlo::threadNameIs("abcdefghijklmno");
+    EXPECT_STREQ(Tamlo::threadName(), "abcdefghijklmno");
+    EXPECT_EQ(kernelThreadName(), "abcdefghijklmno");
+    // Renaming replaces the cached name.
+    Tamlo::threadNameIs("short");
+    EXPECT_STREQ(Tamlo::threadName(), "short");
+  });
+}
+
+TEST(ThreadTest, UnnamedThreadReportsTheSystemName) {
+  onNewThread([] {
+    pthread_setname_np(pthread_self(), "fromsystem");
+    EXPECT_STREQ(Tamlo::threadName(), "fromsystem");
+  });
+}
+
+TEST(ThreadTest, SixteenCharactersAssertAndKeepTheOldName) {
+  onNewThread([] {
+    Tamlo::threadNameIs("before");
+    std::string const text = assertionText([] { Tamlo::threadNameIs("abcdefghijklmnop"); });
+    EXPECT_THAT(text, EndsWith(": Tamlo::threadNameIs() pthread_setname_np() failed:" +
+                               std::to_string(ERANGE) + " for name:abcdefghijklmnop"));
+    EXPECT_STREQ(Tamlo::threadName(), "before");
+  });
+}
+
+TEST(ThreadTest, ThreadLocalSingletonsChosenBeforeFirstUse) {
+  onNewThread([] {
+    Tamlo::useThreadLocalSingletons();
+    Tamlo::useThreadLocalSingletons();  // harmless again
+    EXPECT_TRUE(Tamlo::hasThreadLocalSingletons());
+    // Already thread-local: asking again after the choice is fixed is fine.
+    Tamlo::useThreadLocalSingletons();
+    EXPECT_TRUE(Tamlo::hasThreadLocalSingletons());
+  });
+}
+
+TEST(ThreadTest, ThreadLocalSingletonsTooLateAsserts) {
+  onNewThread([] {
+    EXPECT_FALSE(Tamlo::hasThreadLocalSingletons());
+    std::string const text = assertionText([] { Tamlo::useThreadLocalSingletons(); });
+    EXPECT_THAT(text, EndsWith(": Tamlo::useThreadLocalSingletons() Attempt to change "
+                               "threadLocalSingletons after a global singleton has already been "
+                               "created. Please call useThreadLocalSingletons() immediately after "
+                               "spawning your thread."));
+    EXPECT_FALSE(Tamlo::hasThreadLocalSingletons());
+  });
+  // The choice is per thread: a fresh thread may still choose.
+  onNewThread([] {
+    Tamlo::useThreadLocalSingletons();
+    EXPECT_TRUE(Tamlo::hasThreadLocalSingletons());
+  });
+}
+
+TEST(ThreadTest, ThreadIdText) {
+  EXPECT_EQ(Tamlo::toThreadIdString(std::thread::id()), "thread::id of a non-executing thread");
+  std::string const self = std::to_string(static_cast<unsigned long>(pthread_self()));
+  EXPECT_EQ(Tamlo::toThreadIdString(std::this_thread::get_id()), self);
+  EXPECT_EQ(fmt::format("<{}>", std::this_thread::get_id()), "<" + self + ">");
+  EXPECT_EQ(fmt::format("{}", std::thread::id()), "thread::id of a non-executing thread");
+}
