@@ -250,6 +250,7 @@ void recordSwitch() {
 }
 
 TEST_F(VirtualTimeTest, ChangeNotifiersRunOncePerChange) {
+  notified = 0;  // notifiers stay registered for the process's life
   registerFastForwardChangeNotifier(countNotification);
   registerFastForwardChangeNotifier(countNotification);  // no duplicate
   registerFastForwardChangeNotifier(recordSwitch);
