@@ -86,6 +86,16 @@ void setNonBlocking(int fd) {
 
 // ---- Base management ----
 
+namespace {
+struct ThreadBaseReleaser {
+  bool armed = false;
+  ~ThreadBaseReleaser() {
+    if (armed)
+      leFree();
+  }
+};
+}  // namespace
+
 event_base* leCreateBase() {
   static std::once_flag libeventSetUp;
   std::call_once(libeventSetUp, [] {
@@ -117,6 +127,10 @@ void leRegisterBase(event_base* base) {
                fmt::ptr(base), fmt::ptr(ev_base));
   ev_base = base;
   setMainThread();
+  // A thread's base goes with the thread. Controls that outlive it find no
+  // base and re-bind on their next use, as after an explicit leFree().
+  thread_local ThreadBaseReleaser releaser;
+  releaser.armed = true;
 }
 
 void leInit() {

@@ -496,6 +496,19 @@ TEST(LibeventBaseTest, ControlsOutliveLeFreeAndRebindToTheNextBase) {
   }).join();
 }
 
+// Under the leak checker this fails if a thread's base outlives the thread.
+TEST(LibeventBaseTest, ThreadExitFreesTheThreadsBase) {
+  bool freedBeforeExit = true;
+  std::thread([&] {
+    RecordingTimer handler(nullptr, "t");
+    auto const timer = getTimerControl(&handler);
+    timer->setTimeout(0.0);
+    doEventLoop();
+    freedBeforeExit = !Tamlo::leInitialized();
+  }).join();
+  EXPECT_FALSE(freedBeforeExit);
+}
+
 TEST(LibeventBaseTest, LibeventMessagesOfUnknownSeverityAndFatalErrorsAreAssertions) {
   Tamlo::Test::ThrowOnAssert const throwOnAssert;
   EXPECT_THAT(assertionText([] { Tamlo::le_debug_cb(7, "boom"); }),
