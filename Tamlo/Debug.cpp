@@ -83,8 +83,8 @@ void forEachEntry(std::string const& spec, Fn&& fn) {
 }  // namespace
 
 DebugHandler::DebugHandler(std::string const& name, unsigned levels, bool fixedLevels)
-    : levels_(static_cast<uint16_t>(levels)), name_(name), fixedLevels_(fixedLevels) {
-  levelsPtr_ = &levels_;
+    : name_(name), fixedLevels_(fixedLevels) {
+  levelsIs(static_cast<uint16_t>(levels));
   requireLoco("DebugHandler::DebugHandler() no loco");
   reg().handlerMap_.emplace(name_, this);
 }
@@ -101,20 +101,10 @@ DebugHandler::~DebugHandler() {
   }
 }
 
-uint16_t DebugHandler::levels() const {
-  return std::atomic_ref<uint16_t>(*levelsPtr_).load(std::memory_order_relaxed);
-}
-
-void DebugHandler::levelsIs(uint16_t levels) {
-  std::atomic_ref<uint16_t>(levels_).store(levels, std::memory_order_relaxed);
-}
-
 void DebugHandler::enabledIs(unsigned level, bool on) {
-  TAMLO_ASSERT(levelsPtr_ == &levels_,
-               "Cannot use this with a non-null levelsPtr passed to constructor");
   uint16_t const bit = static_cast<uint16_t>(1u << (level % 32));
   Platform::LocoGuard guard;
-  levelsIs(on ? (levels_ | bit) : (levels_ & ~bit));
+  levelsIs(on ? (levels() | bit) : (levels() & ~bit));
 }
 
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, char const* fileName,
@@ -123,14 +113,14 @@ void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, char cons
   Platform::dumpDebugMsg(text.data(), text.size(), level, this, fileName, funcName, line);
 }
 
-void DebugHandler::levelsAdd(uint16_t levels) {
+void DebugHandler::levelsAdd(uint16_t added) {
   if (!fixedLevels_)
-    levelsIs(levels_ | levels);
+    levelsIs(levels() | added);
 }
 
-void DebugHandler::levelsRemove(uint16_t levels) {
+void DebugHandler::levelsRemove(uint16_t removed) {
   if (!fixedLevels_)
-    levelsIs(levels_ & static_cast<uint16_t>(~levels));
+    levelsIs(levels() & static_cast<uint16_t>(~removed));
 }
 
 std::string DebugHandler::displayString() const {

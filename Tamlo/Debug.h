@@ -35,21 +35,28 @@ class DebugHandler : public std::enable_shared_from_this<DebugHandler> {
                     char const* funcName) const = 0;
 
   // The trace-call test: one load and one bit test, no lock.
-  bool enabled(unsigned level) const {
-    return (std::atomic_ref<uint16_t>(*levelsPtr_).load(std::memory_order_relaxed) >>
-            (level % 32)) &
-           1u;
+  bool enabled(unsigned level) const { return (levels() >> (level % 32)) & 1u; }
+  uint16_t levels() const {
+    return std::atomic_ref<uint16_t>(const_cast<uint16_t&>(levels_))
+        .load(std::memory_order_relaxed);
   }
-  uint16_t const* levelsPtr() const { return levelsPtr_; }
+  // The levels that trace calls test: always this handle's own.
+  uint16_t const* levelsPtr() const { return &levels_; }
 
  protected:
   DebugHandler() = default;
   DebugHandler(DebugHandler const&) = delete;
   DebugHandler& operator=(DebugHandler const&) = delete;
 
-  // Written under the library lock with relaxed atomic stores, so that the
-  // lock-free test above never reads a torn or racy value.
-  uint16_t* levelsPtr_ = nullptr;
+  // Written under the library lock; a relaxed atomic store keeps the
+  // lock-free test above from reading a torn or racy value.
+  void levelsIs(uint16_t levels) {
+    std::atomic_ref<uint16_t>(levels_).store(levels, std::memory_order_relaxed);
+  }
+
+ private:
+  // Kept in the handle itself so that the test needs no second load.
+  uint16_t levels_ = 0;
 };
 
 // A new handle named `name` holding the levels the settings give that name,
@@ -101,18 +108,14 @@ class DebugHandler final : public Platform::DebugHandler {
             char const* funcName) const override;
 
   std::string const& name() const { return name_; }
-  uint16_t levels() const;
   bool fixedLevels() const { return fixedLevels_; }
   // Settings use these under the library lock; they honour fixedLevels.
-  void levelsAdd(uint16_t levels);
-  void levelsRemove(uint16_t levels);
+  void levelsAdd(uint16_t added);
+  void levelsRemove(uint16_t removed);
   // "name[+]/levels", as dumpTamloDebugMap prints it.
   std::string displayString() const;
 
  private:
-  void levelsIs(uint16_t levels);
-
-  uint16_t levels_;
   std::string name_;
   bool fixedLevels_;
 };

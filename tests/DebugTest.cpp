@@ -27,7 +27,7 @@ using Tamlo::Platform::LocoGuard;
 using Tamlo::Platform::setupTamloDebug;
 
 std::string levelsOf(std::shared_ptr<DebugHandler> const& handle) {
-  return DebugControl::levelsString(*handle->levelsPtr());
+  return DebugControl::levelsString(handle->levels());
 }
 
 // The lines of one section ("Specific:", "Wildcard:", "Handlers:") of the

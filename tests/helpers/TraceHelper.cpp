@@ -27,7 +27,7 @@ int printLevels(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) {
     auto const handle = getDebugHandler(argv[i]);
     std::printf("%s/%s\n", argv[i],
-                Tamlo::Orv::DebugControl::levelsString(*handle->levelsPtr()).c_str());
+                Tamlo::Orv::DebugControl::levelsString(handle->levels()).c_str());
   }
   return 0;
 }
