@@ -31,5 +31,6 @@
 #include <Tamlo/TaskTime.h>
 #include <Tamlo/Terminate.h>
 #include <Tamlo/Thread.h>
+#include <Tamlo/TimerWheel.h>
 #include <Tamlo/TypeName.h>
 #include <Tamlo/Util.h>
