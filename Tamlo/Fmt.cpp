@@ -9,12 +9,20 @@ namespace Tamlo {
 namespace Fmt::Impl {
 namespace {
 
+void appendText(MessageBuffer& buffer, std::string_view text) {
+  buffer.append(text.data(), text.data() + text.size());
+}
+
+// "Class::function() " when `withClass`, then the caller's message.
 void appendMessage(MessageBuffer& buffer, bool withClass, char const* funcName,
                    char const* className, fmt::string_view format, fmt::format_args args) {
   buffer.reserve(128);
   if (withClass) {
     assert(funcName && className);
-    fmt::format_to(fmt::appender(buffer), "{}::{}() ", className, funcName);
+    appendText(buffer, className);
+    appendText(buffer, "::");
+    appendText(buffer, funcName);
+    appendText(buffer, "() ");
   }
   fmt::vformat_to(fmt::appender(buffer), format, args);
 }
