@@ -280,6 +280,8 @@ namespace Platform {
 
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
                                               std::shared_ptr<TimerWheel> wheel) {
+  TAMLO_ASSERT_IN("Tamlo::Platform", wheel != nullptr, "No timer wheel for handler {}",
+                  fmt::ptr(handler));
   return makeShared<TimerWheelTimerControl>(handler, std::move(wheel));
 }
 

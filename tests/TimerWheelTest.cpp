@@ -380,7 +380,7 @@ TEST_F(TimerWheelTest, SettingTheClockTracesTimeAndTick) {
 TEST_F(TimerWheelTest, ScheduledWheelTimersArmTheMasterForTheWheelsNextWork) {
   if (!tracesCapturable())
     GTEST_SKIP() << "trace lines go to TRACEFILE";
-  ProbeEvent far(1), farther(2);
+  ProbeEvent far(1), farther(2), nearer(3);
   WheelTraces traces;
   far.armOn(wheel_, 30);
   std::vector<std::string> const lines = traces.take();
@@ -401,6 +401,11 @@ TEST_F(TimerWheelTest, ScheduledWheelTimersArmTheMasterForTheWheelsNextWork) {
   farther.armOn(wheel_, 60);
   EXPECT_EQ(traces.take().size(), 1u);
   EXPECT_EQ(wheel_->masterTimerArmCountForTest(), arms);
+  // An earlier one arms it again.
+  nearer.armOn(wheel_, 0.5);
+  EXPECT_EQ(traces.take().size(), 2u);
+  EXPECT_EQ(wheel_->masterTimerArmCountForTest(), arms + 1);
+  EXPECT_LE(wheel_->masterExpiry(), nearer.expirationTime());
 }
 
 TEST_F(TimerWheelTest, RearmingWithTheSameExpiryChangesAndTracesNothing) {
@@ -610,6 +615,11 @@ TEST_F(TimerWheelTest, WheelControlsKeepTheTimerControlContract) {
   control->delTimeout();
   doEventLoop(2.0);
   EXPECT_EQ(handler.fired_, 1);
+
+  EXPECT_THAT(
+      assertionText([&] { getTimerControl(&handler, std::shared_ptr<TimerWheel>()); }),
+      EndsWith(fmt::format("Tamlo::Platform::getTimerControl() No timer wheel for handler {}",
+                           fmt::ptr(&handler))));
 }
 
 TEST_F(TimerWheelTest, ControlsAndWheelsLeaveNoAllocationBehind) {
@@ -641,6 +651,22 @@ TEST_F(TimerWheelTest, HandlerMayDropTheLastReferenceToItsWheel) {
   EXPECT_EQ(handler.fired_, 1);
   EXPECT_EQ(control, nullptr);
   EXPECT_EQ(otherHandler.fired_, 1);
+}
+
+TEST_F(TimerWheelTest, AStrictHighWheelIsServedFirstInAPass) {
+  std::vector<std::string> order;
+  CountingTimer plain, onWheel;
+  plain.onTimeout_ = [&] { order.push_back("libevent"); };
+  onWheel.onTimeout_ = [&] { order.push_back("wheel"); };
+  auto const plainControl = getTimerControl(&plain);
+  auto const wheelControl =
+      getTimerControl(&onWheel, Tamlo::getTimerWheelForTaskScheduler(eventPriorityStrictHigh));
+  // The wheel timer is due 50 us after the libevent one; the jump to the
+  // first timer goes 100 us beyond it, so both are due in one pass.
+  plainControl->setTimeout(1);
+  wheelControl->setTimeout(1.00005);
+  doEventLoop(2.0);
+  EXPECT_THAT(order, ElementsAre("wheel", "libevent"));
 }
 
 // ---- Getters ----
