@@ -23,9 +23,11 @@
 #include <Tamlo/Platform.h>
 #include <Tamlo/Plugin.h>
 #include <Tamlo/Random.h>
+#include <Tamlo/Task.h>
 #include <Tamlo/TaskKey.h>
 #include <Tamlo/TaskMaybeU32.h>
 #include <Tamlo/TaskPriority.h>
+#include <Tamlo/TaskScheduler.h>
 #include <Tamlo/TaskSchedulerHistory.h>
 #include <Tamlo/TaskStat.h>
 #include <Tamlo/TaskTime.h>

@@ -1,0 +1,62 @@
+// Inline parts of the scheduler: the pieces on the path of every schedule and
+// every run. Included by TaskScheduler.h; not for direct use.
+#pragma once
+
+#include <pthread.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+#include <Tamlo/Assert.h>
+
+namespace Tamlo {
+
+namespace Impl {
+// The scheduler's clock: steady, nanoseconds since boot. The same reading as
+// std::chrono::steady_clock::now(), taken without the detour through the
+// C++ runtime: it is on the path of every schedule and every run.
+inline TaskTimePoint taskTimeNow() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return TaskTimePoint(TaskTimeDuration(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec));
+}
+}  // namespace Impl
+
+inline void _TaskBase::taskHistoryInsert(TaskTimePoint now,
+                                         TaskSchedulerHistory::EventType type) const {
+  taskScheduler_->history()->insertTaskEvent(now, type, taskDisplayName_);
+}
+
+inline void TaskScheduler::checkPriority(TaskPriority priority) const {
+  TAMLO_ASSERT(priority.value() < runQueueCount, "Priority: {} has no run queue",
+               unsigned{priority.value()});
+}
+
+inline TaskRunQueue& TaskScheduler::taskRunQueue(TaskPriority priority) {
+  checkPriority(priority);
+  return taskRunQueues_[priority.value()];
+}
+
+inline TaskRunQueue const& TaskScheduler::taskRunQueue(TaskPriority priority) const {
+  checkPriority(priority);
+  return taskRunQueues_[priority.value()];
+}
+
+inline void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
+  if (threadSanityDisabled_ || auxThreadCount.load(std::memory_order_relaxed) != 0)
+    return;
+  pthread_t const self = pthread_self();
+  if (pthread_equal(self, thread_) != 0) [[likely]]
+    return;
+  // A forked child runs on another thread than the one that built the root,
+  // and is the only user of its copy.
+  TAMLO_ASSERT(getpid() != pid_,
+               "Executing in wrong thread {}({}) pid {} scheduler belongs to thread {}({}) pid {}",
+               static_cast<unsigned long>(self), currentThreadName(), getpid(),
+               static_cast<unsigned long>(thread_), ownerThreadName_, pid_);
+}
+
+}  // namespace Tamlo
