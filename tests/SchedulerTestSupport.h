@@ -1,0 +1,83 @@
+// Tasks for the scheduler tests: a task whose run is a function given by the
+// test, run bodies that write the order of runs into a journal, and the text
+// of an assertion failure.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <Tamlo/Allocator.h>
+#include <Tamlo/Exception.h>
+#include <Tamlo/Task.h>
+
+namespace Tamlo::Test {
+
+// A task whose taskExecute() calls the body it was given.
+class FunctionTask : public Task {
+ public:
+  using Body = std::function<void(FunctionTask&)>;
+
+  FunctionTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+               std::string const& name, Body body = {})
+      : Task(std::move(scheduler), priority, name), body_(std::move(body)) {}
+
+  void bodyIs(Body body) { body_ = std::move(body); }
+  void taskExecute() override {
+    if (body_)
+      body_(*this);
+  }
+
+ private:
+  Body body_;
+};
+
+inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> scheduler,
+                                              TaskPriority priority, std::string const& name,
+                                              FunctionTask::Body body = {}) {
+  return makeShared<FunctionTask>(std::move(scheduler), priority, name, std::move(body));
+}
+
+// Appends the task's name to `journal` and schedules it again until the task
+// has run `runs` times.
+inline FunctionTask::Body journalRuns(std::string& journal, uint64_t runs) {
+  return [&journal, runs](FunctionTask& task) {
+    journal += task.taskName();
+    if (task.taskRunCount() < runs)
+      task.scheduleTask();
+  };
+}
+
+// Appends the task's name to `journal` and schedules it again while the
+// journal is shorter than `length`; a run that finds it full does nothing.
+inline FunctionTask::Body journalUpTo(std::string& journal, size_t length) {
+  return [&journal, length](FunctionTask& task) {
+    if (journal.size() >= length)
+      return;
+    journal += task.taskName();
+    task.scheduleTask();
+  };
+}
+
+inline std::string repeated(std::string const& text, int times) {
+  std::string result;
+  for (int i = 0; i < times; ++i)
+    result += text;
+  return result;
+}
+
+// The message of the AssertException that `fn` throws (run it under
+// ThrowOnAssert), or "(no assertion)".
+template <typename Fn>
+std::string assertionText(Fn&& fn) {
+  try {
+    fn();
+  } catch (AssertException const& e) {
+    return e.message();
+  }
+  return "(no assertion)";
+}
+
+}  // namespace Tamlo::Test
