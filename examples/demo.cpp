@@ -53,5 +53,40 @@ int main() {
   std::printf("loaded: %s\n", plugin ? plugin->name() : "(none)");
   Tamlo::Platform::Plugin* missing = Tamlo::Platform::loadPlugin("NoSuchPlugin");
   std::printf("missing plugin gives: %s\n", missing ? missing->name() : "null");
+
+  section("Tasks of mixed priorities on the main thread's scheduler");
+  {
+    // Writes its priority's letter on each run and schedules itself again
+    // until it has run `runs` times.
+    class Chatty : public Tamlo::Task {
+     public:
+      Chatty(Tamlo::TaskPriority priority, char const* name, uint64_t runs, std::string* order)
+          : Task(Tamlo::schedulerRootTamlo(), priority, name), runs_(runs), order_(order) {}
+      void taskExecute() override {
+        *order_ += taskPriority().oneChar();
+        if (taskRunCount() < runs_)
+          scheduleTask();
+      }
+
+     private:
+      uint64_t runs_;
+      std::string* order_;
+    };
+    std::string order;
+    std::shared_ptr<Chatty> const tasks[] = {
+        Tamlo::makeShared<Chatty>(Tamlo::TaskPriority::low, "sweeper", 3, &order),
+        Tamlo::makeShared<Chatty>(Tamlo::TaskPriority::normal, "reader", 6, &order),
+        Tamlo::makeShared<Chatty>(Tamlo::TaskPriority::high, "alarm", 20, &order)};
+    for (auto const& task : tasks)
+      task->scheduleTask();
+    // One task per loop callback until none is runnable. High goes first but
+    // gives a turn to the levels below now and then.
+    Tamlo::Platform::doEventLoop();
+    std::printf("order of runs: %s\n", order.c_str());
+    for (auto const& [priority, stats] : Tamlo::schedulerRootTamlo()->queueStats())
+      if (stats.totalRunCount > 0)
+        std::printf("%-8s runs %llu\n", priority.toStrep().c_str(),
+                    static_cast<unsigned long long>(stats.totalRunCount));
+  }
   return 0;
 }
