@@ -1,5 +1,5 @@
 // Inline parts of the scheduler: the pieces on the path of every schedule and
-// every run. Included by TaskScheduler.h; not for direct use.
+// every run. Included at the end of TaskScheduler.h.
 #pragma once
 
 #include <pthread.h>
@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include <Tamlo/Assert.h>
+#include <Tamlo/TaskScheduler.h>
 
 namespace Tamlo {
 
