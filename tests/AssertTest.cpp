@@ -95,6 +95,8 @@ void globalFunction() {
 
 namespace {
 
+using Tamlo::Test::assertionText;
+
 using ::testing::HasSubstr;
 
 std::string at(int line) {
@@ -127,19 +129,6 @@ class AssertTextTest : public ::testing::Test {
     std::string const location = at(failLine);
     EXPECT_EQ(text.substr(0, location.size()), location);
     return text.substr(0, location.size()) == location ? text.substr(location.size()) : text;
-  }
-
-  // The message of the AssertException that `body` ends in.
-  template <typename Body>
-  static std::string assertionText(Body body) {
-    Tamlo::Test::ThrowOnAssert const throwOnAssert;
-    try {
-      body();
-    } catch (Tamlo::AssertException const& e) {
-      return e.message();
-    }
-    ADD_FAILURE() << "no assertion";
-    return {};
   }
 
  private:

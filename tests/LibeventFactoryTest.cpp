@@ -27,15 +27,7 @@ using ::testing::HasSubstr;
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-template <typename Fn>
-std::string assertionText(Fn&& fn) {
-  try {
-    fn();
-  } catch (Tamlo::AssertException const& e) {
-    return e.message();
-  }
-  return "(no assertion)";
-}
+using Tamlo::Test::assertionText;
 
 // Records its timeouts in a shared journal; may throw, claim, re-arm.
 struct RecordingTimer : TimeoutHandler {

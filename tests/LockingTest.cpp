@@ -25,18 +25,7 @@ std::string threadIdText(pthread_t thread) {
   return std::to_string(static_cast<unsigned long>(thread));
 }
 
-// The text of the assertion that `body` ends in.
-template <typename Body>
-std::string assertionText(Body body) {
-  Tamlo::Test::ThrowOnAssert const throwOnAssert;
-  try {
-    body();
-  } catch (Tamlo::AssertException const& e) {
-    return e.message();
-  }
-  ADD_FAILURE() << "no assertion";
-  return {};
-}
+using Tamlo::Test::assertionText;
 
 // Holds a lock on a thread of its own until destroyed, so that the test
 // thread can misuse a lock that somebody else holds.

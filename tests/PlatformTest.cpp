@@ -15,15 +15,7 @@ namespace {
 using namespace Tamlo::Platform;
 using ::testing::HasSubstr;
 
-template <typename Fn>
-std::string assertionText(Fn&& fn) {
-  try {
-    fn();
-  } catch (Tamlo::AssertException const& e) {
-    return e.message();
-  }
-  return "(no assertion)";
-}
+using Tamlo::Test::assertionText;
 
 TEST(EventPriorityTest, NamesAndValidity) {
   EXPECT_EQ(eventPriorityStrictHigh, 0);

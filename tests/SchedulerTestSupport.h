@@ -68,16 +68,4 @@ inline std::string repeated(std::string const& text, int times) {
   return result;
 }
 
-// The message of the AssertException that `fn` throws (run it under
-// ThrowOnAssert), or "(no assertion)".
-template <typename Fn>
-std::string assertionText(Fn&& fn) {
-  try {
-    fn();
-  } catch (AssertException const& e) {
-    return e.message();
-  }
-  return "(no assertion)";
-}
-
 }  // namespace Tamlo::Test

@@ -73,16 +73,7 @@ TaskTimePoint at(int64_t ns) {
   return TaskTimePoint(nanoseconds(ns));
 }
 
-std::string assertionText(std::function<void()> const& body) {
-  Test::ThrowOnAssert throwing;
-  try {
-    body();
-  } catch (AssertException const& e) {
-    return e.message();
-  }
-  ADD_FAILURE() << "no assertion failure";
-  return {};
-}
+using Tamlo::Test::assertionText;
 
 std::string readAll(int fd) {
   std::string text;

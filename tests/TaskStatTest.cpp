@@ -28,17 +28,7 @@ namespace {
 using std::chrono::nanoseconds;
 using testing::EndsWith;
 
-// The text of the assertion `body` fails with; a test failure if it passes.
-std::string assertionText(std::function<void()> const& body) {
-  Test::ThrowOnAssert throwing;
-  try {
-    body();
-  } catch (AssertException const& e) {
-    return e.message();
-  }
-  ADD_FAILURE() << "no assertion failure";
-  return {};
-}
+using Tamlo::Test::assertionText;
 
 // ---------------------------------------------------------------- priority
 

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include <Tamlo/Exception.h>
+
 namespace Tamlo::Test {
 
 struct ChildResult {
@@ -32,5 +34,18 @@ class ThrowOnAssert {
  private:
   bool previous_;
 };
+
+// The message of the assertion that `body` fails with (assertions throw for
+// the call), or "(no assertion)" when it passes.
+template <typename Body>
+std::string assertionText(Body&& body) {
+  ThrowOnAssert const throwing;
+  try {
+    body();
+  } catch (AssertException const& e) {
+    return e.message();
+  }
+  return "(no assertion)";
+}
 
 }  // namespace Tamlo::Test

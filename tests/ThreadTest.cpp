@@ -32,17 +32,7 @@ void onNewThread(Body body) {
   std::thread(body).join();
 }
 
-template <typename Body>
-std::string assertionText(Body body) {
-  Tamlo::Test::ThrowOnAssert const throwOnAssert;
-  try {
-    body();
-  } catch (Tamlo::AssertException const& e) {
-    return e.message();
-  }
-  ADD_FAILURE() << "no assertion";
-  return {};
-}
+using Tamlo::Test::assertionText;
 
 }  // namespace
 

@@ -44,15 +44,7 @@ using ::testing::MatchesRegex;
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-template <typename Fn>
-std::string assertionText(Fn&& fn) {
-  try {
-    fn();
-  } catch (Tamlo::AssertException const& e) {
-    return e.message();
-  }
-  return "(no assertion)";
-}
+using Tamlo::Test::assertionText;
 
 std::string ptr(TimerWheelEvent const* event) {
   return fmt::format("{}", fmt::ptr(event));

@@ -31,15 +31,7 @@ double monotonicSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-template <typename Fn>
-std::string assertionText(Fn&& fn) {
-  try {
-    fn();
-  } catch (Tamlo::AssertException const& e) {
-    return e.message();
-  }
-  return "(no assertion)";
-}
+using Tamlo::Test::assertionText;
 
 // Records the virtual time of each expiry under its name.
 struct JournalTimer : TimeoutHandler {
