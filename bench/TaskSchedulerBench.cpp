@@ -14,6 +14,8 @@
 // task occupies.
 #include <benchmark/benchmark.h>
 
+#include "RatioReporter.h"
+
 #include <malloc.h>
 
 #include <cstdint>
@@ -157,47 +159,6 @@ BENCHMARK(schedulerMixed);
 
 // ---- Ratios ----
 
-// Prints as usual and keeps each benchmark's real and CPU time per run (the
-// medians when repeated) for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(std::vector<Run> const& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (Run const& run : runs) {
-      std::string const name = run.run_name.function_name;
-      bool const median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      auto const counter = run.counters.find("runs");
-      if (counter == run.counters.end() || counter->second.value <= 0)
-        continue;
-      double const perRun = counter->second.value;
-      if (median || (run.run_type == Run::RT_Iteration && !medians_.count(name)))
-        times_[name] = {run.GetAdjustedRealTime() / perRun, run.GetAdjustedCPUTime() / perRun};
-      if (median)
-        medians_[name] = true;
-    }
-  }
-
-  void printRatio(char const* what, std::string const& measured, std::string const& baseline,
-                  double goal) const {
-    auto const m = times_.find(measured), b = times_.find(baseline);
-    if (m == times_.end() || b == times_.end() || b->second.real <= 0 || b->second.cpu <= 0)
-      return;
-    std::printf("%-20s %s %.0f ns/run, %s %.0f ns/run: real %.2f, cpu %.2f", what, measured.c_str(),
-                m->second.real, baseline.c_str(), b->second.real, m->second.real / b->second.real,
-                m->second.cpu / b->second.cpu);
-    if (goal > 0)
-      std::printf(" (goal <= %.2f)", goal);
-    std::printf("\n");
-  }
-
- private:
-  struct Times {
-    double real, cpu;
-  };
-  std::map<std::string, Times> times_;
-  std::map<std::string, bool> medians_;
-};
-
 // A task with no state of its own, as small as a client task can be.
 class EmptyTask : public Tamlo::Task {
  public:
@@ -244,7 +205,7 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv))
     return 1;
-  RatioReporter reporter;
+  Tamlo::Bench::RatioReporter reporter("runs");
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   std::printf("\n");

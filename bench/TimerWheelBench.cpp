@@ -15,6 +15,8 @@
 // Footprint: the bytes one timer control takes, allocation included.
 #include <benchmark/benchmark.h>
 
+#include "RatioReporter.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <limits>
@@ -230,54 +232,22 @@ void BM_ControlFootprint(benchmark::State& state) {
 }
 BENCHMARK(BM_ControlFootprint)->Iterations(1);
 
-// Prints as usual and keeps the time per iteration of each run (the median
-// when repeated) for the ratios at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(std::vector<Run> const& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (Run const& run : runs) {
-      std::string const name = run.run_name.function_name + "/" + run.run_name.args;
-      bool const median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (median || (run.run_type == Run::RT_Iteration && !fromMedian_.count(name)))
-        nanoseconds_[name] = run.GetAdjustedCPUTime();
-      if (median)
-        fromMedian_[name] = true;
-    }
-  }
-
-  // measured / baseline; a goal of 0 only reports.
-  void printRatio(std::string const& measured, std::string const& baseline, double goal = 0) const {
-    auto const m = nanoseconds_.find(measured), b = nanoseconds_.find(baseline);
-    if (m == nanoseconds_.end() || b == nanoseconds_.end() || b->second <= 0)
-      return;
-    double const ratio = m->second / b->second;
-    std::printf("%-30s / %-30s %6.3f", measured.c_str(), baseline.c_str(), ratio);
-    if (goal > 0)
-      std::printf("  (goal <= %.1f: %s)", goal, ratio <= goal ? "met" : "MISSED");
-    std::printf("\n");
-  }
-
- private:
-  std::map<std::string, double> nanoseconds_;
-  std::map<std::string, bool> fromMedian_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv))
     return 1;
-  RatioReporter reporter;
+  Tamlo::Bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   std::printf("\nCPU time per re-arm, as ratios:\n");
-  reporter.printRatio("BM_RearmWheel/1000000", "BM_RearmLibevent/1000000", 0.4);
-  reporter.printRatio("BM_RearmWheel/1000000", "BM_RearmWheel/1000", 2.0);
-  reporter.printRatio("BM_RearmWheel/100000", "BM_RearmLibevent/100000");
-  reporter.printRatio("BM_RearmWheel/1000", "BM_RearmLibevent/1000");
-  reporter.printRatio("BM_RearmWheelShuffled/1000000", "BM_RearmLibeventShuffled/1000000");
-  reporter.printRatio("BM_RearmWheelShuffled/1000000", "BM_RearmWheelShuffled/1000");
+  reporter.printRatio("re-arm:", "BM_RearmWheel/1000000", "BM_RearmLibevent/1000000", 0.4);
+  reporter.printRatio("re-arm:", "BM_RearmWheel/1000000", "BM_RearmWheel/1000", 2.0);
+  reporter.printRatio("re-arm:", "BM_RearmWheel/100000", "BM_RearmLibevent/100000");
+  reporter.printRatio("re-arm:", "BM_RearmWheel/1000", "BM_RearmLibevent/1000");
+  reporter.printRatio("re-arm:", "BM_RearmWheelShuffled/1000000",
+                      "BM_RearmLibeventShuffled/1000000");
+  reporter.printRatio("re-arm:", "BM_RearmWheelShuffled/1000000", "BM_RearmWheelShuffled/1000");
   return 0;
 }

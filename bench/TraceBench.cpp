@@ -5,6 +5,8 @@
 // printed at the end.
 #include <benchmark/benchmark.h>
 
+#include "RatioReporter.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -108,41 +110,6 @@ void spdlogEnabledToFile(benchmark::State& state) {
 BENCHMARK(spdlogEnabledToFile);
 #endif
 
-// Prints as usual and keeps each benchmark's real and CPU time per iteration
-// (the medians when repeated) for the ratios.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(std::vector<Run> const& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (Run const& run : runs) {
-      std::string const name = run.run_name.function_name;
-      bool const median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (median || (run.run_type == Run::RT_Iteration && !medians_.count(name)))
-        times_[name] = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
-      if (median)
-        medians_[name] = true;
-    }
-  }
-
-  void printRatio(char const* what, std::string const& measured, std::string const& baseline,
-                  double goal) const {
-    auto const m = times_.find(measured), b = times_.find(baseline);
-    if (m == times_.end() || b == times_.end() || b->second.real <= 0 || b->second.cpu <= 0)
-      return;
-    double const real = m->second.real / b->second.real;
-    double const cpu = m->second.cpu / b->second.cpu;
-    std::printf("%-24s %s / %s: real %.2f, cpu %.2f (goal <= %.2f)\n", what, measured.c_str(),
-                baseline.c_str(), real, cpu, goal);
-  }
-
- private:
-  struct Times {
-    double real, cpu;
-  };
-  std::map<std::string, Times> times_;
-  std::map<std::string, bool> medians_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -159,7 +126,7 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv))
     return 1;
-  RatioReporter reporter;
+  Tamlo::Bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   std::printf("\n");

@@ -1,0 +1,69 @@
+// Every performance figure of the project is a ratio against a baseline
+// measured in the same run. This reporter keeps each benchmark's time (the
+// median when repetitions are run) and prints measured / baseline at the end.
+#pragma once
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+namespace Tamlo::Bench {
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  // With `perCounter`, times are divided by that user counter (for example
+  // the number of scheduler runs an iteration made); runs without it are
+  // not kept.
+  explicit RatioReporter(std::string perCounter = {}) : perCounter_(std::move(perCounter)) {}
+
+  void ReportRuns(std::vector<Run> const& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (Run const& run : runs) {
+      std::string name = run.run_name.function_name;
+      if (!run.run_name.args.empty())
+        name += "/" + run.run_name.args;
+      double divisor = 1;
+      if (!perCounter_.empty()) {
+        auto const counter = run.counters.find(perCounter_);
+        if (counter == run.counters.end() || counter->second.value <= 0)
+          continue;
+        divisor = counter->second.value;
+      }
+      bool const median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+      if (median || (run.run_type == Run::RT_Iteration && !fromMedian_.count(name)))
+        times_[name] = {run.GetAdjustedRealTime() / divisor, run.GetAdjustedCPUTime() / divisor};
+      if (median)
+        fromMedian_[name] = true;
+    }
+  }
+
+  // One line: label, both times, real and CPU ratios, and the goal when one
+  // is given (0: none).
+  void printRatio(char const* label, std::string const& measured, std::string const& baseline,
+                  double goal = 0) const {
+    auto const m = times_.find(measured), b = times_.find(baseline);
+    if (m == times_.end() || b == times_.end() || b->second.real <= 0 || b->second.cpu <= 0)
+      return;
+    double const cpu = m->second.cpu / b->second.cpu;
+    std::printf("%-24s %s %.1f ns / %s %.1f ns: real %.3f, cpu %.3f", label, measured.c_str(),
+                m->second.cpu, baseline.c_str(), b->second.cpu, m->second.real / b->second.real,
+                cpu);
+    if (goal > 0)
+      std::printf("  (goal <= %.2f: %s)", goal, cpu <= goal ? "met" : "MISSED");
+    std::printf("\n");
+  }
+
+ private:
+  struct Times {
+    double real, cpu;
+  };
+  std::string perCounter_;
+  std::map<std::string, Times> times_;
+  std::map<std::string, bool> fromMedian_;
+};
+
+}  // namespace Tamlo::Bench
