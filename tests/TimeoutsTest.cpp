@@ -32,32 +32,28 @@ Wheel openWheel(abstime_t now) {
   return T;
 }
 
-// Tests that leave records on a wheel declare them before the wheel, so that
-// closing the wheel, which takes its records off, finds them still alive.
+// Records left on a wheel are declared before it: closing takes them off.
 timeout makeRecord(int flags = TIMEOUT_ABS) {
   timeout to;
   timeout_init(&to, flags);
   return to;
 }
 
-std::vector<timeout*> drain(timeouts* T) {
-  std::vector<timeout*> out;
-  while (timeout* to = timeouts_get(T)) {
+using Records = std::vector<timeout*>;
+
+Records drain(timeouts* T) {
+  Records out;
+  while (timeout* to = timeouts_get(T))
     out.push_back(to);
-  }
   return out;
 }
 
-using Records = std::vector<timeout*>;
-
-TEST(Timeouts, OpenRejectsZeroHz) {
+TEST(Timeouts, OpenRejectsZeroHzAndNewWheelIsEmpty) {
   int error = 0;
   EXPECT_EQ(timeouts_open(0, &error), nullptr);
   EXPECT_EQ(error, EINVAL);
   EXPECT_EQ(timeouts_open(0, nullptr), nullptr);
-}
 
-TEST(Timeouts, NewWheelIsEmpty) {
   Wheel T = openWheel(0);
   EXPECT_EQ(timeouts_now(T.get()), 0u);
   EXPECT_FALSE(timeouts_pending(T.get()));
@@ -70,8 +66,7 @@ TEST(Timeouts, InitKeepsFlagsAndStartsOffEveryList) {
   timeout_list stale{};
   timeout to;
   to.pending = &stale;  // leftovers that init must clear
-  to.tqe.tqe_next = &to;
-  to.tqe.tqe_prev = &to;
+  to.tqe.tqe_next = to.tqe.tqe_prev = &to;
   EXPECT_EQ(timeout_init(&to, TIMEOUT_ABS | 0x14), &to);
   EXPECT_EQ(to.flags, TIMEOUT_ABS | 0x14);
   EXPECT_EQ(to.pending, nullptr);
@@ -79,35 +74,30 @@ TEST(Timeouts, InitKeepsFlagsAndStartsOffEveryList) {
   EXPECT_EQ(to.tqe.tqe_prev, nullptr);
 }
 
-TEST(Timeouts, ExpiryAtOrBeforeNowIsExpiredAtOnce) {
+// At or before now: expired at once, and timeouts_timeout() is 0 until all
+// are handed out. One tick ahead: waits exactly for that tick.
+TEST(Timeouts, ExpiryAtOrBeforeNowIsExpiredAtOnceAndOneTickAheadWaits) {
   Wheel T = openWheel(kStart);
-  timeout atNow = makeRecord(), before = makeRecord(), atZero = makeRecord();
+  timeout atNow = makeRecord(), before = makeRecord(), atZero = makeRecord(), soon = makeRecord();
+  timeouts_add(T.get(), &soon, kStart + 1);
   timeouts_add(T.get(), &atNow, kStart);
   timeouts_add(T.get(), &before, kStart - 1);
   timeouts_add(T.get(), &atZero, 0);
   EXPECT_TRUE(timeouts_expired(T.get()));
-  EXPECT_FALSE(timeouts_pending(T.get()));
+  EXPECT_TRUE(timeouts_pending(T.get()));
   EXPECT_EQ(timeouts_timeout(T.get()), 0u);
   EXPECT_NE(atNow.pending, nullptr);
   EXPECT_EQ(drain(T.get()), (Records{&atNow, &before, &atZero}));
   EXPECT_EQ(atNow.pending, nullptr);
   EXPECT_EQ(before.pending, nullptr);
   EXPECT_FALSE(timeouts_expired(T.get()));
-  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
-}
-
-TEST(Timeouts, ExpiryOneTickAheadWaitsForThatTick) {
-  Wheel T = openWheel(kStart);
-  timeout to = makeRecord();
-  timeouts_add(T.get(), &to, kStart + 1);
-  EXPECT_FALSE(timeouts_expired(T.get()));
-  EXPECT_TRUE(timeouts_pending(T.get()));
   EXPECT_EQ(timeouts_timeout(T.get()), 1u);
   timeouts_update(T.get(), kStart);
   EXPECT_EQ(timeouts_get(T.get()), nullptr);
   timeouts_update(T.get(), kStart + 1);
-  EXPECT_EQ(drain(T.get()), (Records{&to}));
+  EXPECT_EQ(drain(T.get()), (Records{&soon}));
   EXPECT_FALSE(timeouts_pending(T.get()));
+  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
 }
 
 TEST(Timeouts, UpdateToEarlierOrEqualTickChangesNothing) {
@@ -115,68 +105,56 @@ TEST(Timeouts, UpdateToEarlierOrEqualTickChangesNothing) {
   timeout to = makeRecord();
   timeouts_add(T.get(), &to, kStart + 100);
   const timeout_t wait = timeouts_timeout(T.get());
-  timeouts_update(T.get(), kStart - 50);
-  timeouts_update(T.get(), 0);
-  timeouts_update(T.get(), kStart);
+  for (abstime_t earlier : {kStart - 50, abstime_t{0}, kStart})
+    timeouts_update(T.get(), earlier);
   EXPECT_EQ(timeouts_now(T.get()), kStart);
   EXPECT_EQ(timeouts_timeout(T.get()), wait);
   EXPECT_FALSE(timeouts_expired(T.get()));
-  // The wheel still counts from kStart: a relative expiry proves it.
-  timeout relative = makeRecord(0);
+  // A relative expiry counts from kStart still, and saturates at the end.
+  timeout relative = makeRecord(0), forever = makeRecord(0);
   timeouts_add(T.get(), &relative, 10);
   EXPECT_EQ(relative.expires, kStart + 10);
+  timeouts_add(T.get(), &forever, kNever - 5);
+  EXPECT_EQ(forever.expires, kNever);
   timeouts_update(T.get(), kStart + 99);
   EXPECT_EQ(drain(T.get()), (Records{&relative}));
   timeouts_update(T.get(), kStart + 100);
   EXPECT_EQ(drain(T.get()), (Records{&to}));
+  timeouts_add(T.get(), &relative, 0);
+  EXPECT_EQ(drain(T.get()), (Records{&relative}));
 }
 
-TEST(Timeouts, DeletePendingRecord) {
+TEST(Timeouts, DeleteFromSlotFromExpiredListAndOffTheWheel) {
+  timeout never = makeRecord(), other = makeRecord();
   Wheel T = openWheel(kStart);
-  timeout kept = makeRecord(), gone = makeRecord();
-  timeouts_add(T.get(), &gone, kStart + 5);
-  timeouts_add(T.get(), &kept, kStart + 5);
-  timeouts_del(T.get(), &gone);
-  EXPECT_EQ(gone.pending, nullptr);
+  timeout a = makeRecord(), b = makeRecord(), c = makeRecord();
+  timeouts_add(T.get(), &a, kStart + 5);
+  timeouts_add(T.get(), &b, kStart + 5);
+  timeouts_del(T.get(), &a);
+  EXPECT_EQ(a.pending, nullptr);
   EXPECT_TRUE(timeouts_pending(T.get()));
-  timeouts_del(T.get(), &kept);
+  timeouts_del(T.get(), &b);
   // Both left the one slot they shared: the wheel must know it is empty.
   EXPECT_FALSE(timeouts_pending(T.get()));
   EXPECT_EQ(timeouts_timeout(T.get()), kNever);
+
+  for (timeout* to : {&a, &b, &c})
+    timeouts_add(T.get(), to, kStart + 1);
+  timeouts_add(T.get(), &other, kStart + 4);
+  timeouts_update(T.get(), kStart + 1);
+  timeouts_del(T.get(), &b);
+  EXPECT_EQ(b.pending, nullptr);
+  timeouts_del(T.get(), &never);  // never added: harmless
+  EXPECT_EQ(drain(T.get()), (Records{&a, &c}));
+  timeouts_del(T.get(), &a);  // already handed out: harmless
+  EXPECT_NE(other.pending, nullptr);
+  EXPECT_EQ(timeouts_timeout(T.get()), 3u);
+  timeouts_del(T.get(), &other);
   timeouts_update(T.get(), kStart + kDay);
   EXPECT_EQ(timeouts_get(T.get()), nullptr);
 }
 
-TEST(Timeouts, DeleteExpiredRecordBeforeGet) {
-  Wheel T = openWheel(kStart);
-  timeout first = makeRecord(), second = makeRecord(), third = makeRecord();
-  timeouts_add(T.get(), &first, kStart + 1);
-  timeouts_add(T.get(), &second, kStart + 1);
-  timeouts_add(T.get(), &third, kStart + 1);
-  timeouts_update(T.get(), kStart + 1);
-  timeouts_del(T.get(), &second);
-  EXPECT_EQ(second.pending, nullptr);
-  EXPECT_EQ(drain(T.get()), (Records{&first, &third}));
-  timeouts_add(T.get(), &first, kStart);
-  timeouts_del(T.get(), &first);
-  EXPECT_FALSE(timeouts_expired(T.get()));
-  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
-}
-
-TEST(Timeouts, DeleteOfRecordOffTheWheelIsHarmless) {
-  timeout never = makeRecord(), got = makeRecord(), other = makeRecord();
-  Wheel T = openWheel(kStart);
-  timeouts_add(T.get(), &other, kStart + 3);
-  timeouts_del(T.get(), &never);
-  timeouts_add(T.get(), &got, kStart);
-  ASSERT_EQ(timeouts_get(T.get()), &got);
-  timeouts_del(T.get(), &got);
-  timeouts_del(T.get(), &got);
-  EXPECT_NE(other.pending, nullptr);
-  EXPECT_EQ(timeouts_timeout(T.get()), 3u);
-}
-
-TEST(Timeouts, ReAddMovesPendingRecord) {
+TEST(Timeouts, ReAddMovesPendingOrExpiredRecord) {
   Wheel T = openWheel(kStart);
   timeout to = makeRecord();
   timeouts_add(T.get(), &to, kStart + kDay);
@@ -192,14 +170,11 @@ TEST(Timeouts, ReAddMovesPendingRecord) {
   EXPECT_EQ(drain(T.get()), (Records{&to}));
   timeouts_update(T.get(), kStart + kDay + 1);
   EXPECT_EQ(timeouts_get(T.get()), nullptr);  // no copy left at the old expiry
-}
 
-TEST(Timeouts, ReAddOfExpiredRecordMakesItPendingAgain) {
-  Wheel T = openWheel(kStart);
-  timeout to = makeRecord();
+  T = openWheel(kStart);
   timeouts_add(T.get(), &to, kStart - 1);
   ASSERT_TRUE(timeouts_expired(T.get()));
-  timeouts_add(T.get(), &to, kStart + 7);
+  timeouts_add(T.get(), &to, kStart + 7);  // expired -> pending
   EXPECT_FALSE(timeouts_expired(T.get()));
   EXPECT_EQ(timeouts_timeout(T.get()), 7u);
   timeouts_add(T.get(), &to, kStart);  // and back to expired
@@ -207,48 +182,40 @@ TEST(Timeouts, ReAddOfExpiredRecordMakesItPendingAgain) {
   EXPECT_EQ(drain(T.get()), (Records{&to}));
 }
 
-TEST(Timeouts, CallerBitsSurviveEveryOperation) {
+// Through a cascade, expiry and hand-out, the caller's flag bits stay and
+// pending is null exactly while the record is off the wheel.
+TEST(Timeouts, CallerBitsSurviveAndPendingTracksTheWheel) {
   for (int callerBits : {0x04, 0x08, 0x10, 0x1C}) {
     SCOPED_TRACE(callerBits);
     Wheel T = openWheel(kStart);
     const int flags = TIMEOUT_ABS | callerBits;
     timeout to = makeRecord(flags);
+    auto expectOnWheel = [&](bool on) {
+      EXPECT_EQ(to.flags, flags);
+      EXPECT_EQ(to.pending != nullptr, on);
+    };
+    expectOnWheel(false);
     timeouts_add(T.get(), &to, kStart + 2 * kDay);  // far enough to cascade
-    EXPECT_EQ(to.flags, flags);
-    timeouts_update(T.get(), kStart + kDay);
-    EXPECT_EQ(to.flags, flags);
+    expectOnWheel(true);
+    timeouts_update(T.get(), kStart + 2 * kDay - 1);  // moved down to the lowest wheel
+    expectOnWheel(true);
     timeouts_update(T.get(), kStart + 2 * kDay);
-    EXPECT_EQ(to.flags, flags);
+    expectOnWheel(true);  // expired but not yet handed out
     ASSERT_EQ(timeouts_get(T.get()), &to);
-    EXPECT_EQ(to.flags, flags);
+    expectOnWheel(false);
+    EXPECT_EQ(to.tqe.tqe_next, nullptr);
+    EXPECT_EQ(to.tqe.tqe_prev, nullptr);
     timeouts_add(T.get(), &to, kStart);
     timeouts_del(T.get(), &to);
-    EXPECT_EQ(to.flags, flags);
+    expectOnWheel(false);
   }
-}
-
-TEST(Timeouts, PendingIsNullExactlyWhenOffTheWheel) {
-  Wheel T = openWheel(kStart);
-  timeout to = makeRecord();
-  EXPECT_EQ(to.pending, nullptr);
-  timeouts_add(T.get(), &to, kStart + 70);  // second wheel
-  EXPECT_NE(to.pending, nullptr);
-  timeouts_update(T.get(), kStart + 69);  // moved down a wheel
-  EXPECT_NE(to.pending, nullptr);
-  timeouts_update(T.get(), kStart + 70);
-  EXPECT_NE(to.pending, nullptr);  // expired but not yet handed out
-  ASSERT_EQ(timeouts_get(T.get()), &to);
-  EXPECT_EQ(to.pending, nullptr);
-  EXPECT_EQ(to.tqe.tqe_next, nullptr);
-  EXPECT_EQ(to.tqe.tqe_prev, nullptr);
 }
 
 TEST(Timeouts, CallerMayChainRecordsWhileOffTheWheel) {
   Wheel T = openWheel(kStart);
   timeout a = makeRecord(), b = makeRecord(), c = makeRecord();
-  for (timeout* to : {&a, &b, &c}) {
+  for (timeout* to : {&a, &b, &c})
     timeouts_add(T.get(), to, kStart + 1);
-  }
   timeouts_update(T.get(), kStart + 1);
   timeout_list mine{};
   while (timeout* to = timeouts_get(T.get())) {
@@ -268,16 +235,6 @@ TEST(Timeouts, CallerMayChainRecordsWhileOffTheWheel) {
   EXPECT_EQ(drain(T.get()), (Records{&b}));
 }
 
-TEST(Timeouts, TimeoutIsZeroWhileAnythingIsExpired) {
-  timeout soon = makeRecord(), done = makeRecord();
-  Wheel T = openWheel(kStart);
-  timeouts_add(T.get(), &soon, kStart + 1);
-  timeouts_add(T.get(), &done, kStart);
-  EXPECT_EQ(timeouts_timeout(T.get()), 0u);
-  ASSERT_EQ(timeouts_get(T.get()), &done);
-  EXPECT_EQ(timeouts_timeout(T.get()), 1u);
-}
-
 // Sleeping for timeouts_timeout() and updating must reach every expiry on its
 // tick exactly, in few steps, and never step past a pending expiry.
 TEST(Timeouts, FollowingTimeoutReachesEachExpiryOnItsTick) {
@@ -295,8 +252,7 @@ TEST(Timeouts, FollowingTimeoutReachesEachExpiryOnItsTick) {
       timeouts_add(T.get(), &records[i], start + distances[i]);
       model.emplace(start + distances[i], &records[i]);
     }
-    int steps = 0;
-    while (!model.empty()) {
+    for (int steps = 0; !model.empty();) {
       ASSERT_LT(++steps, 200);
       abstime_t now = timeouts_now(T.get());
       timeout_t wait = timeouts_timeout(T.get());
@@ -357,7 +313,6 @@ TEST(Timeouts, LastTickIsReachable) {
   timeout last = makeRecord();
   Wheel T = openWheel(kStart);
   timeouts_add(T.get(), &last, kNever);
-  EXPECT_TRUE(timeouts_pending(T.get()));
   timeouts_update(T.get(), kNever - 1);
   EXPECT_EQ(timeouts_get(T.get()), nullptr);
   EXPECT_EQ(timeouts_timeout(T.get()), 1u);
@@ -381,37 +336,26 @@ TEST(Timeouts, ExpiredRecordsComeOutInOrderOfExpiring) {
   EXPECT_EQ(drain(T.get()), (Records{&b, &a, &d, &c, &e}));
 }
 
-TEST(Timeouts, RelativeExpiryCountsFromCurrentTick) {
-  timeout to = makeRecord(0), forever = makeRecord(0);
-  Wheel T = openWheel(kStart);
-  timeouts_add(T.get(), &to, 30);
-  EXPECT_EQ(to.expires, kStart + 30);
-  EXPECT_LE(timeouts_timeout(T.get()), 30u);
-  timeouts_add(T.get(), &forever, kNever - 5);  // saturates instead of wrapping to the past
-  EXPECT_EQ(forever.expires, kNever);
-  EXPECT_FALSE(timeouts_expired(T.get()));
-  timeouts_add(T.get(), &to, 0);
-  EXPECT_EQ(drain(T.get()), (Records{&to}));
-}
-
 TEST(Timeouts, CloseTakesRecordsOffTheWheel) {
   timeouts* T = timeouts_open(kHz, nullptr);
   ASSERT_NE(T, nullptr);
   timeouts_update(T, kStart);
-  timeout waiting = makeRecord(), far = makeRecord(), expired = makeRecord();
-  timeouts_add(T, &waiting, kStart + 1);
-  timeouts_add(T, &far, kStart + kDay);
-  timeouts_add(T, &expired, kStart);
+  timeout records[] = {makeRecord(), makeRecord(), makeRecord()};
+  for (timeout_t i = 0; i < 3; ++i)
+    timeouts_add(T, &records[i], kStart + i * kDay / 2);  // expired, low and high wheel
   timeouts_close(T);
-  EXPECT_EQ(waiting.pending, nullptr);
-  EXPECT_EQ(far.pending, nullptr);
-  EXPECT_EQ(expired.pending, nullptr);
+  for (timeout const& to : records)
+    EXPECT_EQ(to.pending, nullptr);
   timeouts_close(nullptr);
 }
 
 // Randomised comparison with a plain model: an ordered multimap from expiry to
 // record index for records waiting on the wheel, plus a count of records the
 // wheel has expired but not yet handed out.
+#define MODEL_CHECK(condition, message) \
+  if (!(condition))                     \
+  return ::testing::AssertionFailure() << message
+
 class ModelCheck {
  public:
   ModelCheck(std::uint64_t seed, std::size_t recordCount)
@@ -421,9 +365,8 @@ class ModelCheck {
         position_(recordCount),
         wheel_(openWheel(kStart)),
         now_(kStart) {
-    for (std::size_t i = 0; i < recordCount; ++i) {
-      timeout_init(&records_[i], TIMEOUT_ABS | static_cast<int>((i % 8) << 2));
-    }
+    for (std::size_t i = 0; i < recordCount; ++i)
+      timeout_init(&records_[i], flags(i));
   }
 
   ::testing::AssertionResult step() {
@@ -435,9 +378,8 @@ class ModelCheck {
     } else {
       update(pickUpdate());
       if (random(100) < 60) {
-        if (auto result = drainAndCheck(); !result) {
-          return result;
-        }
+        auto result = drainAndCheck();
+        MODEL_CHECK(result, result.message());
       }
     }
     return checkWheel();
@@ -445,12 +387,9 @@ class ModelCheck {
 
   ::testing::AssertionResult finish() {
     update(kNever);
-    if (auto result = drainAndCheck(); !result) {
-      return result;
-    }
-    if (!waiting_.empty()) {
-      return ::testing::AssertionFailure() << waiting_.size() << " records never released";
-    }
+    auto result = drainAndCheck();
+    MODEL_CHECK(result, result.message());
+    MODEL_CHECK(waiting_.empty(), waiting_.size() << " records never released");
     return checkWheel();
   }
 
@@ -458,22 +397,20 @@ class ModelCheck {
   enum class State { kIdle, kWaiting, kExpired };
   using Model = std::multimap<timeout_t, std::size_t>;
 
+  static int flags(std::size_t i) { return TIMEOUT_ABS | static_cast<int>((i % 8) << 2); }
   std::size_t random(std::size_t bound) { return rng_() % bound; }
+  timeout_t distance() { return 1 + random(std::size_t{1} << random(26)); }
 
   // Mostly log-uniform distances from one tick to about four days, some at
   // or before now, a few far beyond.
   timeout_t pickExpiry() {
     unsigned kind = random(100);
-    if (kind < 10) {
+    if (kind < 10)
       return now_ - random(1000);
-    }
-    if (kind < 13) {
+    if (kind < 13)
       return now_ + (timeout_t{1} << 30) + (rng_() >> (64 - 40));
-    }
     return now_ + distance();
   }
-
-  timeout_t distance() { return 1 + random(std::size_t{1} << random(26)); }
 
   abstime_t pickUpdate() {
     unsigned kind = random(100);
@@ -481,24 +418,20 @@ class ModelCheck {
       timeout_t wait = timeouts_timeout(wheel_.get());
       return wait == kNever ? now_ + distance() : now_ + wait;
     }
-    if (kind < 80) {
+    if (kind < 80)
       return now_ + random(70);
-    }
-    if (kind < 95) {
+    if (kind < 95)
       return now_ + distance();
-    }
-    if (kind < 99) {
+    if (kind < 99)
       return now_ + 1 + random(5 * kDay);
-    }
     return now_ - random(100);  // backwards: ignored
   }
 
   void forget(std::size_t i) {
-    if (state_[i] == State::kWaiting) {
+    if (state_[i] == State::kWaiting)
       waiting_.erase(position_[i]);
-    } else if (state_[i] == State::kExpired) {
+    else if (state_[i] == State::kExpired)
       --expiredCount_;
-    }
     state_[i] = State::kIdle;
   }
 
@@ -521,9 +454,8 @@ class ModelCheck {
 
   void update(abstime_t now) {
     timeouts_update(wheel_.get(), now);
-    if (now <= now_) {
+    if (now <= now_)
       return;
-    }
     now_ = now;
     while (!waiting_.empty() && waiting_.begin()->first <= now_) {
       state_[waiting_.begin()->second] = State::kExpired;
@@ -535,58 +467,39 @@ class ModelCheck {
   ::testing::AssertionResult drainAndCheck() {
     while (timeout* to = timeouts_get(wheel_.get())) {
       auto i = static_cast<std::size_t>(to - records_.data());
-      if (i >= records_.size() || state_[i] != State::kExpired) {
-        return ::testing::AssertionFailure() << "record " << i << " handed out but not expired";
-      }
-      if (to->expires > now_) {
-        return ::testing::AssertionFailure() << "record " << i << " released early";
-      }
-      if (to->pending != nullptr) {
-        return ::testing::AssertionFailure() << "record " << i << " handed out still linked";
-      }
-      if (to->flags != (TIMEOUT_ABS | static_cast<int>((i % 8) << 2))) {
-        return ::testing::AssertionFailure() << "record " << i << " flags changed";
-      }
+      MODEL_CHECK(i < records_.size() && state_[i] == State::kExpired,
+                  "record " << i << " handed out but not expired");
+      MODEL_CHECK(to->expires <= now_, "record " << i << " released early");
+      MODEL_CHECK(to->pending == nullptr, "record " << i << " handed out still linked");
+      MODEL_CHECK(to->flags == flags(i), "record " << i << " flags changed");
       state_[i] = State::kIdle;
       --expiredCount_;
     }
-    if (expiredCount_ != 0) {
-      return ::testing::AssertionFailure() << expiredCount_ << " expired records lost";
-    }
+    MODEL_CHECK(expiredCount_ == 0, expiredCount_ << " expired records lost");
     return ::testing::AssertionSuccess();
   }
 
   ::testing::AssertionResult checkWheel() {
     timeouts* T = wheel_.get();
-    if (timeouts_now(T) != now_) {
-      return ::testing::AssertionFailure() << "now " << timeouts_now(T) << " expected " << now_;
-    }
-    if (timeouts_expired(T) != (expiredCount_ != 0)) {
-      return ::testing::AssertionFailure() << "expired() disagrees, model has " << expiredCount_;
-    }
-    if (timeouts_pending(T) != !waiting_.empty()) {
-      return ::testing::AssertionFailure() << "pending() disagrees, model has " << waiting_.size();
-    }
+    MODEL_CHECK(timeouts_now(T) == now_, "now " << timeouts_now(T) << " expected " << now_);
+    MODEL_CHECK(timeouts_expired(T) == (expiredCount_ != 0),
+                "expired() disagrees, model has " << expiredCount_);
+    MODEL_CHECK(timeouts_pending(T) == !waiting_.empty(),
+                "pending() disagrees, model has " << waiting_.size());
     timeout_t wait = timeouts_timeout(T);
     if (expiredCount_ != 0) {
-      if (wait != 0) {
-        return ::testing::AssertionFailure() << "timeout " << wait << " with expired records";
-      }
+      MODEL_CHECK(wait == 0, "timeout " << wait << " with expired records");
     } else if (waiting_.empty()) {
-      if (wait != kNever) {
-        return ::testing::AssertionFailure() << "timeout " << wait << " on an empty wheel";
-      }
-    } else if (wait == 0 || wait > waiting_.begin()->first - now_) {
-      return ::testing::AssertionFailure()
-             << "timeout " << wait << " but next expiry in " << waiting_.begin()->first - now_;
+      MODEL_CHECK(wait == kNever, "timeout " << wait << " on an empty wheel");
+    } else {
+      MODEL_CHECK(wait != 0 && wait <= waiting_.begin()->first - now_,
+                  "timeout " << wait << " but next expiry in " << waiting_.begin()->first - now_);
     }
-    // Spot-check the pending invariant on a few records rather than all, to
-    // keep each step constant time.
+    // Spot-check the pending invariant on two records, keeping steps O(1).
     for (int n = 0; n < 2; ++n) {
       std::size_t i = random(records_.size());
-      if ((records_[i].pending == nullptr) != (state_[i] == State::kIdle)) {
-        return ::testing::AssertionFailure() << "record " << i << " pending pointer is wrong";
-      }
+      MODEL_CHECK((records_[i].pending == nullptr) == (state_[i] == State::kIdle),
+                  "record " << i << " pending pointer is wrong");
     }
     return ::testing::AssertionSuccess();
   }
@@ -602,9 +515,8 @@ class ModelCheck {
 };
 
 TEST(Timeouts, RandomOperationsMatchReferenceModel) {
-  // About 1.6 million operations normally. AddressSanitizer makes every list
-  // and map operation several times slower, so it runs a quarter of them
-  // (same seeds, shorter runs) to keep the suite within seconds.
+  // About 1.6 million operations; a quarter under AddressSanitizer, which
+  // slows every list and map operation several times.
 #if defined(__SANITIZE_ADDRESS__)
   constexpr int kStepsPerSeed = 50'000;
 #else
@@ -615,9 +527,8 @@ TEST(Timeouts, RandomOperationsMatchReferenceModel) {
     const std::size_t recordCount = recordCounts[seed % std::size(recordCounts)];
     SCOPED_TRACE(::testing::Message() << "seed " << seed << ", " << recordCount << " records");
     ModelCheck check(seed, recordCount);
-    for (int i = 0; i < kStepsPerSeed; ++i) {
+    for (int i = 0; i < kStepsPerSeed; ++i)
       ASSERT_TRUE(check.step()) << "at step " << i;
-    }
     ASSERT_TRUE(check.finish());
   }
 }

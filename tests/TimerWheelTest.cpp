@@ -1,7 +1,4 @@
-// The timer wheel, mostly in virtual time: exact-expiry order, the
-// expiring-soon map, the master timer's arming, handlers that stop, re-arm
-// or throw, the state checks with their messages, the getters, and (in a
-// child process) the fatal destruction of armed timers.
+// The timer wheel, mostly in virtual time; fatal destruction in a child.
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Debug.h>
 #include <Tamlo/Exception.h>
@@ -43,9 +40,8 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
-constexpr double infinity = std::numeric_limits<double>::infinity();
-
 using Tamlo::Test::assertionText;
+constexpr double infinity = std::numeric_limits<double>::infinity();
 
 std::string ptr(TimerWheelEvent const* event) {
   return fmt::format("{}", fmt::ptr(event));
@@ -60,22 +56,21 @@ struct ProbeEvent : TimerWheelEvent {
   };
 
   ProbeEvent(int id = 0, std::vector<Delivery>* journal = nullptr) : id_(id), journal_(journal) {}
-  ~ProbeEvent() override {
-    // Leave nothing linked behind a failed expectation: that would be fatal.
+  ~ProbeEvent() override {  // nothing left linked after a failed expectation
     if (state() != TimerWheelState::notLinked && wheel_)
       wheel_->timerStop(this);
   }
 
-  void armOn(std::shared_ptr<TimerWheel> const& wheel, double seconds) {
+  // Arms for `seconds` from now, or at `expireAt` when `absolute`.
+  void armOn(std::shared_ptr<TimerWheel> const& wheel, double when, bool absolute = false) {
     wheel_ = wheel;
-    setTimeout(wheel, seconds);
+    if (absolute)
+      wheel->timerStartAtForTest(this, when);
+    else
+      setTimeout(wheel, when);
     armedExpiry_ = expirationTime();
   }
-  void armAtOn(std::shared_ptr<TimerWheel> const& wheel, double expireAt) {
-    wheel_ = wheel;
-    wheel->timerStartAtForTest(this, expireAt);
-    armedExpiry_ = expirationTime();
-  }
+  void armAtOn(std::shared_ptr<TimerWheel> const& wheel, double at) { armOn(wheel, at, true); }
 
   void timeout() override {
     ++delivered_;
@@ -108,9 +103,8 @@ struct CountingTimer : TimeoutHandler {
   std::function<void()> onTimeout_;
 };
 
-// Lines traced on "TamloTimerWheel" by the wheel, without prefix fields,
-// captured from standard error while the object lives. The trace format in
-// force before is put back afterwards.
+// The wheel's trace lines, without prefix fields, captured from stderr while
+// the object lives; the previous trace format is restored afterwards.
 class WheelTraces {
  public:
   WheelTraces() : format_(currentTraceFormat()) {
@@ -126,8 +120,7 @@ class WheelTraces {
   WheelTraces(WheelTraces const&) = delete;
   WheelTraces& operator=(WheelTraces const&) = delete;
 
-  // The lines of TimerWheel since the last call. "advance time to" lines are
-  // left out unless asked for: nearly every step writes one.
+  // Lines since the last call; the "advance time to" ones only on request.
   std::vector<std::string> take(bool withClockLines = false) {
     std::istringstream text(::testing::internal::GetCapturedStderr());
     ::testing::internal::CaptureStderr();
@@ -143,8 +136,7 @@ class WheelTraces {
   }
 
  private:
-  // The shown fields as a format list, from the "0"/"1" flags that
-  // printAllTraceFormat() writes in this order.
+  // The shown fields, from the 0/1 flags printAllTraceFormat() writes.
   static std::string currentTraceFormat() {
     static char const* const fields[] = {"date",   "time",  "pid",       "tid",
                                          "handle", "level", "line-info", "func-name"};
@@ -168,32 +160,40 @@ class TimerWheelTest : public ::testing::Test {
   void SetUp() override { setFastForward(true); }
   void TearDown() override { setFastForward(false); }
 
-  bool tracesCapturable() const { return std::getenv("TRACEFILE") == nullptr; }
-
-  // Arms `probe` for 5 ms on a wheel whose clock has just been read: its tick
-  // is then never after the wheel's, so the wheel has it expired at once.
+  // 5 ms on a wheel whose clock was just read: its tick is never after the
+  // wheel's, so the wheel has it expired at once.
   void armForFiveMilliseconds(ProbeEvent& probe) {
     wheel_->setMasterTimer();
     probe.armOn(wheel_, 0.005);
   }
 
-  // One loop pass without moving virtual time: the master timer armed with
-  // no delay fires.
+  // One loop pass without moving virtual time: a master armed with 0 fires.
   static void onePass() { doEventLoopInWaitfor(0); }
 
   Tamlo::Test::ThrowOnAssert const throwOnAssert_;
   std::shared_ptr<TimerWheel> wheel_ = Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault);
 };
 
+// Tests reading trace lines, which go elsewhere when TRACEFILE is set.
+class TimerWheelTraceTest : public TimerWheelTest {
+ protected:
+  void SetUp() override {
+    TimerWheelTest::SetUp();
+    if (std::getenv("TRACEFILE") != nullptr)
+      GTEST_SKIP() << "trace lines go to TRACEFILE";
+  }
+};
+
 // ---- States ----
 
 TEST(TimerWheelStateTest, NamesAndFormatting) {
-  EXPECT_EQ(Tamlo::timerWheelStateToString(TimerWheelState::notLinked), "notLinked");
-  EXPECT_EQ(Tamlo::timerWheelStateToString(TimerWheelState::inTimerWheel), "inTimerWheel");
-  EXPECT_EQ(Tamlo::timerWheelStateToString(TimerWheelState::inTimersExpiryingSoon),
-            "inTimersExpiryingSoon");
-  EXPECT_EQ(Tamlo::timerWheelStateToString(static_cast<TimerWheelState>(3)), "unknownState");
-  EXPECT_EQ(fmt::format("{}", TimerWheelState::inTimersExpiryingSoon), "inTimersExpiryingSoon");
+  std::pair<int, char const*> const names[] = {
+      {0, "notLinked"}, {1, "inTimerWheel"}, {2, "inTimersExpiryingSoon"}, {3, "unknownState"}};
+  for (auto const& [value, name] : names) {
+    auto const state = static_cast<TimerWheelState>(value);
+    EXPECT_EQ(Tamlo::timerWheelStateToString(state), name);
+    EXPECT_EQ(fmt::format("{}", state), name);
+  }
 }
 
 TEST(TimerWheelEventTest, FreshEventIsIdleAbsoluteAndNotLinked) {
@@ -228,11 +228,8 @@ TEST(TimerWheelEventTest, StateChangesGoViaNotLinkedAndKeepOtherFlags) {
   EXPECT_THAT(assertionText([&] { probe.stateIs(static_cast<TimerWheelState>(3)); }),
               EndsWith("TimerWheelEvent::stateToTimeoutFlags() invalid state 3"));
   EXPECT_EQ(probe.state(), TimerWheelState::notLinked);
-}
 
-TEST(TimerWheelEventTest, StateBitsMustHoldExactlyOneState) {
-  Tamlo::Test::ThrowOnAssert const throwOnAssert;
-  ProbeEvent probe;
+  // The state bits must hold exactly one state.
   probe.link()->flags |= 0x08;
   EXPECT_THAT(assertionText([&] { (void)probe.state(); }),
               EndsWith("TimerWheelEvent::timeoutFlagsToState() None or multiple of our flags "
@@ -303,9 +300,7 @@ TEST_F(TimerWheelTest, ManyTimersFireInExactExpiryOrderAndNeverEarly) {
   EXPECT_EQ(wheel_->timersExpiryingSoonSizeForTest(), 0u);
 }
 
-TEST_F(TimerWheelTest, FiveMillisecondTimerWaitsInTheMapForItsExactExpiry) {
-  if (!tracesCapturable())
-    GTEST_SKIP() << "trace lines go to TRACEFILE";
+TEST_F(TimerWheelTraceTest, FiveMillisecondTimerWaitsInTheMapForItsExactExpiry) {
   std::vector<ProbeEvent::Delivery> journal;
   ProbeEvent probe(1, &journal);
   WheelTraces traces;
@@ -355,9 +350,7 @@ TEST_F(TimerWheelTest, FiveMillisecondTimerWaitsInTheMapForItsExactExpiry) {
   EXPECT_EQ(wheel_->timersExpiryingSoonSizeForTest(), 0u);
 }
 
-TEST_F(TimerWheelTest, SettingTheClockTracesTimeAndTick) {
-  if (!tracesCapturable())
-    GTEST_SKIP() << "trace lines go to TRACEFILE";
+TEST_F(TimerWheelTraceTest, SettingTheClockTracesTimeAndTick) {
   WheelTraces traces;
   wheel_->setMasterTimer();
   std::vector<std::string> const lines = traces.take(true);
@@ -370,9 +363,7 @@ TEST_F(TimerWheelTest, SettingTheClockTracesTimeAndTick) {
   EXPECT_EQ(std::stoull(match[2]), static_cast<uint64_t>(std::ceil(now * 100)));
 }
 
-TEST_F(TimerWheelTest, ScheduledWheelTimersArmTheMasterForTheWheelsNextWork) {
-  if (!tracesCapturable())
-    GTEST_SKIP() << "trace lines go to TRACEFILE";
+TEST_F(TimerWheelTraceTest, ScheduledWheelTimersArmTheMasterForTheWheelsNextWork) {
   ProbeEvent far(1), farther(2), nearer(3);
   WheelTraces traces;
   far.armOn(wheel_, 30);
@@ -405,9 +396,7 @@ TEST_F(TimerWheelTest, ScheduledWheelTimersArmTheMasterForTheWheelsNextWork) {
   EXPECT_LE(wheel_->masterExpiry(), nearer.expirationTime());
 }
 
-TEST_F(TimerWheelTest, RearmingWithTheSameExpiryChangesAndTracesNothing) {
-  if (!tracesCapturable())
-    GTEST_SKIP() << "trace lines go to TRACEFILE";
+TEST_F(TimerWheelTraceTest, RearmingWithTheSameExpiryChangesAndTracesNothing) {
   ProbeEvent probe;
   double const expireAt = Tamlo::time() + 2;
   probe.armAtOn(wheel_, expireAt);
@@ -428,13 +417,10 @@ TEST_F(TimerWheelTest, RearmingWithTheSameExpiryChangesAndTracesNothing) {
   EXPECT_EQ(lines[0], "TimerWheel::timerStop() timer " + ptr(&probe) + " del timeout");
   EXPECT_THAT(lines[1], HasSubstr(" set timeout "));
   EXPECT_EQ(probe.expirationTime(), expireAt + 1);
-}
 
-TEST_F(TimerWheelTest, StoppingAnIdleTimerOnlySaysSo) {
-  if (!tracesCapturable())
-    GTEST_SKIP() << "trace lines go to TRACEFILE";
-  ProbeEvent probe;
-  WheelTraces traces;
+  // Stopping an idle timer only says so.
+  probe.delTimeout(wheel_);
+  (void)traces.take(true);
   wheel_->timerStop(&probe);
   EXPECT_THAT(traces.take(true), ElementsAre("TimerWheel::timerStop() timer " + ptr(&probe) +
                                              " del timeout, not running"));
@@ -465,17 +451,6 @@ TEST_F(TimerWheelTest, StoppingInTheMapLeavesAnEmptyEntryUntilTheNextPass) {
   EXPECT_EQ(wheel_->timersExpiryingSoonSizeForTest(), 0u);
 }
 
-TEST_F(TimerWheelTest, TimersStoppedOnTheWheelNeverFire) {
-  ProbeEvent kept(1), stopped(2);
-  kept.armOn(wheel_, 1);
-  stopped.armOn(wheel_, 0.5);
-  stopped.delTimeout(wheel_);
-  stopped.delTimeout(wheel_);  // harmless
-  doEventLoop(2.0);
-  EXPECT_EQ(kept.delivered_, 1);
-  EXPECT_EQ(stopped.delivered_, 0);
-}
-
 TEST_F(TimerWheelTest, HandlerStoppingTheNextTimerOfItsListPreventsItsDelivery) {
   std::vector<ProbeEvent::Delivery> journal;
   ProbeEvent first(1, &journal), second(2, &journal), third(3, &journal);
@@ -497,24 +472,20 @@ TEST_F(TimerWheelTest, HandlerStoppingTheNextTimerOfItsListPreventsItsDelivery) 
 TEST_F(TimerWheelTest, HandlerMayRearmItsOwnTimer) {
   CountingTimer handler;
   auto const control = getTimerControl(&handler, wheel_);
-  std::vector<double> notBefore;
-  auto arm = [&] {
-    notBefore.push_back(Tamlo::time() + 0.25);
-    control->setTimeout(0.25);
-  };
+  std::vector<double> notBefore{Tamlo::time() + 0.25};
   handler.onTimeout_ = [&] {
     EXPECT_EQ(control->remainingTimeout(), infinity);
     if (handler.fired_ < 4) {
-      arm();
+      notBefore.push_back(Tamlo::time() + 0.25);
+      control->setTimeout(0.25);
       EXPECT_GT(control->remainingTimeout(), 0);
     }
   };
-  arm();
+  control->setTimeout(0.25);
   doEventLoop(2.0);
   ASSERT_EQ(handler.fired_, 4);
   for (int i = 0; i < 4; ++i)
     EXPECT_GE(handler.firedAt_[i], notBefore[i]);
-  EXPECT_EQ(control->remainingTimeout(), infinity);
 }
 
 TEST_F(TimerWheelTest, HandlerExceptionLeavesTheLoopAndTheRestStayDue) {
@@ -555,7 +526,6 @@ TEST_F(TimerWheelTest, HandlerExceptionLeavesTheLoopAndTheRestStayDue) {
 
 TEST_F(TimerWheelTest, RemainingTimeoutCountsDownToZeroUntilDelivered) {
   ProbeEvent probe;
-  EXPECT_EQ(probe.remainingTimeout(), infinity);
   probe.armOn(wheel_, 2);
   double const before = Tamlo::time();
   double const remaining = probe.remainingTimeout();
@@ -700,8 +670,12 @@ TEST(TimerWheelGetterTest, OneWheelPerProcessOrPerThread) {
 
 std::string const eventPointer = "0x[0-9a-f]+";
 
+Tamlo::Test::ChildResult runWheelHelper(std::string const& what) {
+  return Tamlo::Test::runHelper("TimerWheelHelper", {what}, {}, {"TRACEFILE"});
+}
+
 TEST(TimerWheelFatalTest, DestroyingAnArmedControlEndsTheProcess) {
-  auto const result = Tamlo::Test::runHelper("TimerWheelHelper", {"armed"}, {}, {"TRACEFILE"});
+  auto const result = runWheelHelper("armed");
   EXPECT_EQ(result.signal, SIGABRT);
   EXPECT_THAT(result.err,
               ::testing::ContainsRegex("Tamlo::Assert aborting because: .*TimerWheel.cpp:[0-9]+: "
@@ -710,8 +684,7 @@ TEST(TimerWheelFatalTest, DestroyingAnArmedControlEndsTheProcess) {
 }
 
 TEST(TimerWheelFatalTest, DestroyingAnEventInTheMapEndsTheProcess) {
-  auto const result =
-      Tamlo::Test::runHelper("TimerWheelHelper", {"expiringSoon"}, {}, {"TRACEFILE"});
+  auto const result = runWheelHelper("expiringSoon");
   EXPECT_EQ(result.signal, SIGABRT);
   std::string const announced = result.out.substr(0, result.out.find('\n'));
   ASSERT_THAT(announced, MatchesRegex("event " + eventPointer));
@@ -720,15 +693,14 @@ TEST(TimerWheelFatalTest, DestroyingAnEventInTheMapEndsTheProcess) {
 }
 
 TEST(TimerWheelFatalTest, DestroyingANonEmptyListEndsTheProcess) {
-  auto const result =
-      Tamlo::Test::runHelper("TimerWheelHelper", {"nonEmptyList"}, {}, {"TRACEFILE"});
+  auto const result = runWheelHelper("nonEmptyList");
   EXPECT_EQ(result.signal, SIGABRT);
   EXPECT_THAT(result.err,
               HasSubstr("TimersAtTimeout::~TimersAtTimeout() Destroyed while non-empty"));
 }
 
 TEST(TimerWheelFatalTest, StoppedControlsAreDestroyedQuietly) {
-  auto const result = Tamlo::Test::runHelper("TimerWheelHelper", {"stopped"}, {}, {"TRACEFILE"});
+  auto const result = runWheelHelper("stopped");
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.out, "stopped\n");
 }
