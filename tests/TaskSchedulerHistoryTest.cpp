@@ -1,20 +1,17 @@
-// The scheduler history: what the ring keeps, its exact text rendering to
-// each destination, capacity changes, and that recording never allocates.
+// The scheduler history: what the ring keeps, its exact rendering to each
+// destination, capacity changes, and that recording never allocates.
 #include "Tamlo/TaskSchedulerHistory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
-#include <iterator>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -67,19 +64,18 @@ namespace {
 
 using EventType = TaskSchedulerHistory::EventType;
 using std::chrono::nanoseconds;
+using Tamlo::Test::assertionText;
+using testing::ElementsAre;
 using testing::EndsWith;
 
 TaskTimePoint at(int64_t ns) {
   return TaskTimePoint(nanoseconds(ns));
 }
 
-using Tamlo::Test::assertionText;
-
 std::string readAll(int fd) {
   std::string text;
   char buffer[4096];
-  ssize_t got;
-  while ((got = ::read(fd, buffer, sizeof buffer)) > 0) {
+  for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
     text.append(buffer, static_cast<size_t>(got));
   }
   return text;
@@ -105,7 +101,7 @@ class TaskSchedulerHistoryTest : public testing::Test {
       "         1000000001500 ns since boot       2509 \xc2\xb5s schedule     N reader\n"
       "\n";
 
-  // Inserts `count` events one microsecond apart, named "N t<i>".
+  // `count` events one microsecond apart, named "N t<i>".
   void insertNumbered(int count) {
     for (int i = 0; i < count; ++i) {
       ConstStringRef const name = history_.stringCache().intern("N t" + std::to_string(i));
@@ -121,15 +117,14 @@ class TaskSchedulerHistoryTest : public testing::Test {
     return names;
   }
 
+  size_t refs(char const* name) { return history_.stringCache().refCount(name); }
+
   TaskSchedulerHistory history_{4};
   ConstStringRef reader_ = history_.stringCache().intern("N reader");
   ConstStringRef main_ = history_.stringCache().intern("main");
 };
 
-// ---------------------------------------------------------------- contents
-
 TEST_F(TaskSchedulerHistoryTest, KeepsTheNewestEventsNewestFirst) {
-  EXPECT_EQ(history_.entryCount(), 4u);
   EXPECT_EQ(history_.eventCount(), 0u);
   recordKnownSequence();
   ASSERT_EQ(history_.eventCount(), 4u);
@@ -144,68 +139,40 @@ TEST_F(TaskSchedulerHistoryTest, KeepsTheNewestEventsNewestFirst) {
 
 TEST_F(TaskSchedulerHistoryTest, EventsHoldNameReferencesUntilOverwrittenOrCleared) {
   recordKnownSequence();
-  // Ours plus the three reader events still in the ring.
-  EXPECT_EQ(history_.stringCache().refCount("N reader"), 4u);
-  {
-    ConstStringRef const gone = history_.stringCache().intern("N gone");
-    history_.insertTaskEvent(at(1), EventType::idle, gone);
-  }
-  EXPECT_EQ(history_.stringCache().refCount("N gone"), 1u);
+  EXPECT_EQ(refs("N reader"), 4u);  // ours plus the three reader events in the ring
+  history_.insertTaskEvent(at(1), EventType::idle, history_.stringCache().intern("N gone"));
+  EXPECT_EQ(refs("N gone"), 1u);
   insertNumbered(4);
-  EXPECT_EQ(history_.stringCache().refCount("N gone"), 0u);
-  EXPECT_EQ(history_.stringCache().refCount("N reader"), 1u);
-  EXPECT_EQ(history_.stringCache().refCount("N t0"), 1u);
-
+  EXPECT_EQ(refs("N gone"), 0u);
+  EXPECT_EQ(refs("N reader"), 1u);
+  EXPECT_EQ(refs("N t0"), 1u);
   history_.clear();
   EXPECT_EQ(history_.eventCount(), 0u);
   EXPECT_EQ(history_.entryCount(), 4u);
-  EXPECT_EQ(history_.stringCache().refCount("N t0"), 0u);
+  EXPECT_EQ(refs("N t0"), 0u);
   EXPECT_EQ(history_.stringCache().size(), 2u);  // our reader_ and main_
 }
 
 TEST_F(TaskSchedulerHistoryTest, EveryEventTypeHasItsDisplayText) {
-  char const* const displays[] = {"schedule",
-                                  "unschedule",
-                                  "run start",
-                                  "run end",
-                                  "timerStart",
-                                  "timerStop",
-                                  "suspendOn",
-                                  "suspendOff",
-                                  "scheduleSus",
-                                  "frcYieldOn",
-                                  "frcYieldOff",
-                                  "idle",
-                                  "busy",
-                                  "create",
-                                  "delete",
-                                  "fdReadable",
-                                  "fdWritable",
-                                  "schedulerIdle",
-                                  "schedulerRunnable",
-                                  "schedulerSuspended",
-                                  "schedulerUnsuspended",
-                                  "schedulerRunIgnoredWhileSuspended",
-                                  "schedulerVirtualTimeOn",
-                                  "schedulerVirtualTimeOff",
-                                  "schedulerTestYieldRatioOn",
-                                  "schedulerTestYieldRatioOff"};
-  for (uint8_t type = 0; type < std::size(displays); ++type) {
-    EXPECT_EQ(TaskSchedulerHistory::eventTypeDisplay(EventType(type)), displays[type]);
+  std::string all;
+  for (uint8_t type = 0; type < 26; ++type) {
+    all += std::string(TaskSchedulerHistory::eventTypeDisplay(EventType(type))) + ",";
   }
+  EXPECT_EQ(all,
+            "schedule,unschedule,run start,run end,timerStart,timerStop,suspendOn,suspendOff,"
+            "scheduleSus,frcYieldOn,frcYieldOff,idle,busy,create,delete,fdReadable,fdWritable,"
+            "schedulerIdle,schedulerRunnable,schedulerSuspended,schedulerUnsuspended,"
+            "schedulerRunIgnoredWhileSuspended,schedulerVirtualTimeOn,schedulerVirtualTimeOff,"
+            "schedulerTestYieldRatioOn,schedulerTestYieldRatioOff,");
   EXPECT_THAT(assertionText([] { TaskSchedulerHistory::eventTypeDisplay(EventType(26)); }),
               EndsWith("unexpected eventType 26"));
-}
 
-TEST_F(TaskSchedulerHistoryTest, EventDisplayPadsTheTypeToTwelve) {
-  TaskSchedulerHistory::Event const idle(EventType::idle, at(0), reader_);
-  EXPECT_EQ(idle.display(), "idle         N reader");
-  TaskSchedulerHistory::Event const exact(EventType::frcYieldOff, at(0), reader_);
-  EXPECT_EQ(exact.display(), "frcYieldOff  N reader");
-  TaskSchedulerHistory::Event const longer(EventType::schedulerVirtualTimeOff, at(0), main_);
-  EXPECT_EQ(longer.display(), "schedulerVirtualTimeOff main");
-  TaskSchedulerHistory::Event const unnamed(EventType::busy, at(0), ConstStringRef());
-  EXPECT_EQ(unnamed.display(), "busy         ");
+  using Event = TaskSchedulerHistory::Event;  // the type is padded to twelve
+  EXPECT_EQ(Event(EventType::idle, at(0), reader_).display(), "idle         N reader");
+  EXPECT_EQ(Event(EventType::frcYieldOff, at(0), reader_).display(), "frcYieldOff  N reader");
+  EXPECT_EQ(Event(EventType::schedulerVirtualTimeOff, at(0), main_).display(),
+            "schedulerVirtualTimeOff main");
+  EXPECT_EQ(Event(EventType::busy, at(0), ConstStringRef()).display(), "busy         ");
 }
 
 TEST_F(TaskSchedulerHistoryTest, EventsOfTheWrongKindAreAssertionFailures) {
@@ -222,66 +189,61 @@ TEST_F(TaskSchedulerHistoryTest, EventsOfTheWrongKindAreAssertionFailures) {
   EXPECT_EQ(history_.eventCount(), 0u);
 }
 
-// ---------------------------------------------------------------- capacity
-
 TEST_F(TaskSchedulerHistoryTest, ShrinkingKeepsTheNewest) {
   insertNumbered(4);
   history_.entryCountIs(2);
   EXPECT_EQ(history_.entryCount(), 2u);
-  EXPECT_THAT(storedNames(), testing::ElementsAre("N t3", "N t2"));
-  EXPECT_EQ(history_.stringCache().refCount("N t1"), 0u);
+  EXPECT_THAT(storedNames(), ElementsAre("N t3", "N t2"));
+  EXPECT_EQ(refs("N t1"), 0u);
   insertNumbered(1);
-  EXPECT_THAT(storedNames(), testing::ElementsAre("N t0", "N t3"));
+  EXPECT_THAT(storedNames(), ElementsAre("N t0", "N t3"));
 }
 
 TEST_F(TaskSchedulerHistoryTest, GrowingKeepsEverythingAndMakesRoom) {
   insertNumbered(3);
   history_.entryCountIs(3);  // no change
   history_.entryCountIs(6);
-  EXPECT_EQ(history_.entryCount(), 6u);
-  EXPECT_THAT(storedNames(), testing::ElementsAre("N t2", "N t1", "N t0"));
-  ConstStringRef const extra = history_.stringCache().intern("N extra");
+  EXPECT_THAT(storedNames(), ElementsAre("N t2", "N t1", "N t0"));
+  // The header names the capacity, not the count.
+  EXPECT_THAT(history_.renderTextForDebugToString(),
+              testing::StartsWith("Last 6 scheduler events,"));
   for (int i = 0; i < 4; ++i) {
-    history_.insertTaskEvent(at(9'000'000 + i), EventType::busy, extra);
+    history_.insertTaskEvent(at(9'000'000 + i), EventType::busy, reader_);
   }
   EXPECT_THAT(storedNames(),
-              testing::ElementsAre("N extra", "N extra", "N extra", "N extra", "N t2", "N t1"));
+              ElementsAre("N reader", "N reader", "N reader", "N reader", "N t2", "N t1"));
 }
 
 TEST_F(TaskSchedulerHistoryTest, CapacityZeroRecordsNothing) {
   history_.entryCountIs(0);
   history_.insertTaskEvent(at(5), EventType::schedule, reader_);
   EXPECT_EQ(history_.eventCount(), 0u);
-  EXPECT_EQ(history_.stringCache().refCount("N reader"), 1u);
+  EXPECT_EQ(refs("N reader"), 1u);
   EXPECT_EQ(history_.renderTextForDebugToString(),
             "Last 0 scheduler events, absolute timestamp and relative to last event\n"
             "----------------------------------------------------------------------\n"
             "\n");
 }
 
-// ---------------------------------------------------------------- rendering
-
-TEST_F(TaskSchedulerHistoryTest, RendersTheKnownSequenceExactly) {
+TEST_F(TaskSchedulerHistoryTest, RendersTheKnownSequenceExactlyToEachDestination) {
   recordKnownSequence();
   EXPECT_EQ(history_.renderTextForDebugToString(), knownSequenceText);
   std::ostringstream os;
   history_.renderTextForDebug(os);
   EXPECT_EQ(os.str(), knownSequenceText);
-}
+  testing::internal::CaptureStderr();
+  history_.renderTextForDebugStdErr();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), knownSequenceText);
 
-TEST_F(TaskSchedulerHistoryTest, HeaderNamesTheCapacityNotTheCount) {
-  TaskSchedulerHistory history(100);
-  ConstStringRef const name = history.stringCache().intern("L job");
-  for (int i = 0; i < 3; ++i) {
-    history.insertTaskEvent(at(2000 * i), EventType::schedule, name);
-  }
-  std::string const text = history.renderTextForDebugToString();
-  EXPECT_THAT(text, testing::StartsWith("Last 100 scheduler events,"));
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2 + 3 + 1);
-  EXPECT_THAT(text,
-              testing::HasSubstr("                  4000 ns since boot          0 \xc2\xb5s "
-                                 "schedule     L job\n"
-                                 "                  2000 ns since boot          2 \xc2\xb5s "));
+  // A descriptor is left open; one it cannot write to is reported.
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  EXPECT_TRUE(history_.renderTextForDebug(fds[1]));
+  ASSERT_EQ(::write(fds[1], "end", 3), 3);
+  ::close(fds[1]);
+  EXPECT_EQ(readAll(fds[0]), std::string(knownSequenceText) + "end");
+  EXPECT_FALSE(history_.renderTextForDebug(fds[1]));
+  ::close(fds[0]);
 }
 
 TEST_F(TaskSchedulerHistoryTest, AFullRingOfOneHundredShowsTheNewestHundred) {
@@ -309,22 +271,9 @@ TEST_F(TaskSchedulerHistoryTest, AFullRingOfOneHundredShowsTheNewestHundred) {
 
 TEST_F(TaskSchedulerHistoryTest, RelativeColumnTruncatesTowardZero) {
   history_.insertTaskEvent(at(10'000), EventType::schedule, reader_);
-  // Out of order: an event stamped before the one already stored.
-  history_.insertTaskEvent(at(8'001), EventType::unschedule, reader_);
+  history_.insertTaskEvent(at(8'001), EventType::unschedule, reader_);  // stamped earlier
   EXPECT_THAT(history_.renderTextForDebugToString(),
               testing::HasSubstr("                 10000 ns since boot         -1 \xc2\xb5s "));
-}
-
-TEST_F(TaskSchedulerHistoryTest, RendersToADescriptorAndLeavesItOpen) {
-  recordKnownSequence();
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  EXPECT_TRUE(history_.renderTextForDebug(fds[1]));
-  EXPECT_NE(::fcntl(fds[1], F_GETFD), -1);
-  ASSERT_EQ(::write(fds[1], "end", 3), 3);
-  ::close(fds[1]);
-  EXPECT_EQ(readAll(fds[0]), std::string(knownSequenceText) + "end");
-  ::close(fds[0]);
 }
 
 TEST_F(TaskSchedulerHistoryTest, RendersALargeRingToAMemoryFile) {
@@ -341,31 +290,12 @@ TEST_F(TaskSchedulerHistoryTest, RendersALargeRingToAMemoryFile) {
   ::close(fd);
 }
 
-TEST_F(TaskSchedulerHistoryTest, ReportsADescriptorItCouldNotWrite) {
-  recordKnownSequence();
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  ::close(fds[1]);
-  EXPECT_FALSE(history_.renderTextForDebug(fds[1]));
-  ::close(fds[0]);
-}
-
-TEST_F(TaskSchedulerHistoryTest, RendersToStandardError) {
-  recordKnownSequence();
-  testing::internal::CaptureStderr();
-  history_.renderTextForDebugStdErr();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), knownSequenceText);
-}
-
-// ---------------------------------------------------------------- allocation
-
 TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {
   TaskSchedulerHistory history(64);
   ConstStringRef const task = history.stringCache().intern("H a task with a long name, not SSO");
   ConstStringRef const scheduler = history.stringCache().intern("a scheduler with a long name");
   size_t const before = allocationCount.load();
-  // Filling the ring, then wrapping around it several times.
-  for (int i = 0; i < 64 * 5; ++i) {
+  for (int i = 0; i < 64 * 5; ++i) {  // filling the ring, then wrapping around it
     history.insertTaskEvent(at(i), EventType::runStart, task);
     history.insertSchedulerEvent(at(i), EventType::schedulerIdle, scheduler);
   }
@@ -373,9 +303,8 @@ TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {
   EXPECT_EQ(after - before, 0u);
   EXPECT_EQ(history.eventCount(), 64u);
   EXPECT_EQ(history.stringCache().refCount("H a task with a long name, not SSO"), 33u);
-  // The counter does see allocations.
   EXPECT_GT(history.renderTextForDebugToString().size(), 0u);
-  EXPECT_GT(allocationCount.load(), after);
+  EXPECT_GT(allocationCount.load(), after);  // the counter does see allocations
 }
 
 }  // namespace
