@@ -269,21 +269,28 @@ TEST(Timeouts, FollowingTimeoutReachesEachExpiryOnItsTick) {
   }
 }
 
-TEST(Timeouts, HugeJumpReleasesEverythingDueAndNothingElse) {
-  Wheel T = openWheel(kStart);
+TEST(Timeouts, HugeJumpsReleaseEverythingDueUpToTheLastTick) {
   timeout next = makeRecord(), hour = makeRecord(), days = makeRecord(), later = makeRecord(),
-          far = makeRecord();
+          far = makeRecord(), last = makeRecord();
+  Wheel T = openWheel(kStart);
   timeouts_add(T.get(), &next, kStart + 1);
   timeouts_add(T.get(), &hour, kStart + 3600 * kHz);
   timeouts_add(T.get(), &days, kStart + 3 * kDay);
   timeouts_add(T.get(), &later, kStart + 3 * kDay + 1);
   timeouts_add(T.get(), &far, kStart + (1ull << 40));
+  timeouts_add(T.get(), &last, kNever);
   timeouts_update(T.get(), kStart + 3 * kDay);
   EXPECT_EQ(drain(T.get()), (Records{&next, &hour, &days}));
   EXPECT_EQ(timeouts_timeout(T.get()), 1u);
-  timeouts_update(T.get(), kNever);
+  timeouts_update(T.get(), kNever - 1);
   EXPECT_EQ(drain(T.get()), (Records{&later, &far}));
+  EXPECT_EQ(timeouts_timeout(T.get()), 1u);
+  timeouts_update(T.get(), kNever);
+  EXPECT_EQ(drain(T.get()), (Records{&last}));
   EXPECT_FALSE(timeouts_pending(T.get()));
+  // Nothing lies beyond the last tick: every later add is expired at once.
+  timeouts_add(T.get(), &last, kNever);
+  EXPECT_TRUE(timeouts_expired(T.get()));
 }
 
 // Crossing the end of a lower wheel changes a higher digit; records just past
@@ -307,20 +314,6 @@ TEST(Timeouts, JumpsPastTheEndOfLowerWheels) {
     timeouts_update(T.get(), boundary + 1000);
     EXPECT_EQ(drain(T.get()), (Records{&beyond}));
   }
-}
-
-TEST(Timeouts, LastTickIsReachable) {
-  timeout last = makeRecord();
-  Wheel T = openWheel(kStart);
-  timeouts_add(T.get(), &last, kNever);
-  timeouts_update(T.get(), kNever - 1);
-  EXPECT_EQ(timeouts_get(T.get()), nullptr);
-  EXPECT_EQ(timeouts_timeout(T.get()), 1u);
-  timeouts_update(T.get(), kNever);
-  EXPECT_EQ(drain(T.get()), (Records{&last}));
-  // Nothing lies beyond the last tick: every later add is expired at once.
-  timeouts_add(T.get(), &last, kNever);
-  EXPECT_TRUE(timeouts_expired(T.get()));
 }
 
 TEST(Timeouts, ExpiredRecordsComeOutInOrderOfExpiring) {

@@ -1,7 +1,6 @@
 // The timer wheel, mostly in virtual time; fatal destruction in a child.
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Debug.h>
-#include <Tamlo/Exception.h>
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Random.h>
