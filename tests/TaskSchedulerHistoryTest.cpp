@@ -246,13 +246,20 @@ TEST_F(TaskSchedulerHistoryTest, RendersTheKnownSequenceExactlyToEachDestination
   ::close(fds[0]);
 }
 
-TEST_F(TaskSchedulerHistoryTest, AFullRingOfOneHundredShowsTheNewestHundred) {
+TEST_F(TaskSchedulerHistoryTest, AFullRingOfOneHundredShowsTheNewestHundredAlsoToADescriptor) {
   TaskSchedulerHistory history(100);
   for (int i = 0; i < 150; ++i) {
     ConstStringRef const name = history.stringCache().intern("N t" + std::to_string(i));
     history.insertTaskEvent(at(1'000'000 + i * 1000), EventType::runStart, name);
   }
-  std::istringstream lines(history.renderTextForDebugToString());
+  std::string const text = history.renderTextForDebugToString();
+  int const fd = ::memfd_create("history", MFD_CLOEXEC);  // a large text to a descriptor
+  ASSERT_GE(fd, 0);
+  EXPECT_TRUE(history.renderTextForDebug(fd));
+  ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
+  EXPECT_EQ(readAll(fd), text);
+  ::close(fd);
+  std::istringstream lines(text);
   std::string line;
   std::getline(lines, line);
   EXPECT_EQ(line, "Last 100 scheduler events, absolute timestamp and relative to last event");
@@ -274,20 +281,6 @@ TEST_F(TaskSchedulerHistoryTest, RelativeColumnTruncatesTowardZero) {
   history_.insertTaskEvent(at(8'001), EventType::unschedule, reader_);  // stamped earlier
   EXPECT_THAT(history_.renderTextForDebugToString(),
               testing::HasSubstr("                 10000 ns since boot         -1 \xc2\xb5s "));
-}
-
-TEST_F(TaskSchedulerHistoryTest, RendersALargeRingToAMemoryFile) {
-  TaskSchedulerHistory history(1000);
-  ConstStringRef const name = history.stringCache().intern("S scavenger");
-  for (int i = 0; i < 1000; ++i) {
-    history.insertTaskEvent(at(i), EventType::idle, name);
-  }
-  int const fd = ::memfd_create("history", MFD_CLOEXEC);
-  ASSERT_GE(fd, 0);
-  EXPECT_TRUE(history.renderTextForDebug(fd));
-  ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
-  EXPECT_EQ(readAll(fd), history.renderTextForDebugToString());
-  ::close(fd);
 }
 
 TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {

@@ -145,7 +145,6 @@ TEST(TaskStat, StatusStringShowsTheStrongestStateAndQueuedPriority) {
   } const rows[] = {
       {TaskPriority::normal, queued, " N"},
       {TaskPriority::normal, 0, " n"},
-      {TaskPriority::absolute, 0, " a"},
       {TaskPriority::scavenge, queued, " S"},
       {TaskPriority::high, group, " h"},
       {TaskPriority::low, timer | timerRunning | queued, "TL"},
@@ -153,7 +152,6 @@ TEST(TaskStat, StatusStringShowsTheStrongestStateAndQueuedPriority) {
       {TaskPriority::low, timerRunning, " l"},  // not a timer task without the timer bit
       {TaskPriority::high, suspended | timer | timerRunning, "Sh"},
       {TaskPriority::high, running | suspended | timer | queued, "*H"},
-      {TaskPriority::oneBeyondLast, 0, " -"},
       {TaskPriority::oneBeyondLast, queued, " -"},
   };
   for (Row const& row : rows) {
