@@ -1,6 +1,5 @@
-// Tasks for the scheduler tests: a task whose run is a function given by the
-// test, run bodies that write the order of runs into a journal, and the text
-// of an assertion failure.
+// Shared by the scheduler tests: a task running a body given by the test, and
+// bodies that write the order of runs into a journal.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +9,11 @@
 #include <utility>
 
 #include <Tamlo/Allocator.h>
-#include <Tamlo/Exception.h>
+#include <Tamlo/Platform.h>
 #include <Tamlo/Task.h>
 
 namespace Tamlo::Test {
 
-// A task whose taskExecute() calls the body it was given.
 class FunctionTask : public Task {
  public:
   using Body = std::function<void(FunctionTask&)>;
@@ -40,8 +38,11 @@ inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> sch
   return makeShared<FunctionTask>(std::move(scheduler), priority, name, std::move(body));
 }
 
-// Appends the task's name to `journal` and schedules it again until the task
-// has run `runs` times.
+inline void runLoop() {
+  Platform::doEventLoop();
+}
+
+// Journals the task's name and schedules it again until it has run `runs` times.
 inline FunctionTask::Body journalRuns(std::string& journal, uint64_t runs) {
   return [&journal, runs](FunctionTask& task) {
     journal += task.taskName();
@@ -50,8 +51,8 @@ inline FunctionTask::Body journalRuns(std::string& journal, uint64_t runs) {
   };
 }
 
-// Appends the task's name to `journal` and schedules it again while the
-// journal is shorter than `length`; a run that finds it full does nothing.
+// Journals the task's name and schedules it again until the journal holds
+// `length` names; a run that finds it full does nothing.
 inline FunctionTask::Body journalUpTo(std::string& journal, size_t length) {
   return [&journal, length](FunctionTask& task) {
     if (journal.size() >= length)
