@@ -108,6 +108,7 @@ TEST(LibeventTimerControlTest, OneShotRearmReplacesAndRemainingTimeout) {
   runOnePass();
   EXPECT_EQ(handler.fired_, 1);
   timer->delTimeout();
+  EXPECT_EQ(timer->remainingTimeout(), infinity);
   timer->delTimeout();          // idle: harmless
   timer->setTimeout(infinity);  // never expires: stays idle
   EXPECT_EQ(timer->remainingTimeout(), infinity);
@@ -290,7 +291,8 @@ TEST(LibeventLoopTest, ClaimedExceptionsAreSwallowedUnclaimedLeaveTheLoop) {
   callback->requestCallback();
   laterTimer->setTimeout(0.0);
   EXPECT_NO_THROW(doEventLoop());
-  EXPECT_EQ(failing.offered_ + callbackHandler.offered_, 2);
+  EXPECT_EQ(failing.offered_, 1);
+  EXPECT_EQ(callbackHandler.offered_, 1);
   EXPECT_THAT(journal, ::testing::ElementsAre("failing", "later"));
 
   journal.clear();
