@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <time.h>
+#include <array>
 #include <limits>
 #include <memory>
 #include <string>
@@ -35,10 +36,7 @@ using Tamlo::Test::assertionText;
 
 // Records the virtual time of each expiry under its name.
 struct JournalTimer : TimeoutHandler {
-  struct Entry {
-    std::string name;
-    double at;
-  };
+  using Entry = std::pair<std::string, double>;
   JournalTimer(std::vector<Entry>* journal, std::string name, double delay,
                EventPriority priority = eventPriorityDefault)
       : journal_(journal), name_(std::move(name)), control_(getTimerControl(this, priority)) {
@@ -55,11 +53,8 @@ void countFire(evutil_socket_t, short, void* arg) {
 }
 
 class VirtualTimeTest : public ::testing::Test {
- protected:
   void SetUp() override { setFastForward(true); }
   void TearDown() override { setFastForward(false); }
-
-  Tamlo::Test::ThrowOnAssert const throwOnAssert_;
 };
 
 TEST_F(VirtualTimeTest, FastForwardByMovesTimeByExactlyTheAmount) {
@@ -115,7 +110,7 @@ TEST_F(VirtualTimeTest, WaitforJumpsToTheFirstTimerButNotBeyondItsBound) {
   // 10 s plus the 100 us margin, less the real time that passed meanwhile.
   EXPECT_LE(jumped, 10.0001 + microsecond);
   EXPECT_GE(jumped + realElapsed, 10.0001 - microsecond);
-  EXPECT_GE(journal[0].at - armedAt, 10.0001 - microsecond);
+  EXPECT_GE(journal[0].second - armedAt, 10.0001 - microsecond);
   EXPECT_EQ(timer.control_->remainingTimeout(), infinity);
 }
 
@@ -127,10 +122,10 @@ TEST_F(VirtualTimeTest, TimersFireInOrderAtTheirVirtualTimes) {
   doEventLoop(10.0);
   EXPECT_GE(Tamlo::time() - start, 10.0);
   std::string order;
-  for (auto const& entry : journal) {
-    order += entry.name + " ";
-    EXPECT_GE(entry.at - start, std::stod(entry.name));
-    EXPECT_LT(entry.at - start, 10.0);
+  for (auto const& [name, at] : journal) {
+    order += name + " ";
+    EXPECT_GE(at - start, std::stod(name));
+    EXPECT_LT(at - start, 10.0);
   }
   EXPECT_EQ(order, "1 2 2.5 3 ");
 }
@@ -147,7 +142,7 @@ TEST_F(VirtualTimeTest, ManyTimersDueTogetherKeepTheirOrder) {
   doEventLoopInWaitfor(0);
   ASSERT_EQ(journal.size(), 40u);
   for (int i = 0; i < 40; ++i)
-    EXPECT_EQ(journal[i].name, std::to_string(i));
+    EXPECT_EQ(journal[i].first, std::to_string(i));
 }
 
 TEST_F(VirtualTimeTest, TimersAddedWithPlainLibeventAreFastForwardedToo) {
@@ -187,7 +182,7 @@ TEST_F(VirtualTimeTest, TimersAddedWithPlainLibeventAreFastForwardedToo) {
     event_free(ev);
 }
 
-TEST_F(VirtualTimeTest, TheSwitchIsRefusedOffTheMainThreadAndOffsetsArePerThread) {
+TEST_F(VirtualTimeTest, TheSwitchIsMainThreadOnlyOffsetsPerThreadMisuseAsserts) {
   fastForwardBy(3);
   double const mainOffset = Tamlo::leVirtualTimeOffset();
   std::string text;
@@ -202,11 +197,7 @@ TEST_F(VirtualTimeTest, TheSwitchIsRefusedOffTheMainThreadAndOffsetsArePerThread
   EXPECT_TRUE(fastForward());
   setFastForward(false);  // the offset stays
   EXPECT_EQ(Tamlo::leVirtualTimeOffset(), mainOffset);
-}
-
-TEST_F(VirtualTimeTest, MisuseWithoutFastForwardIsAnAssertion) {
-  setFastForward(false);
-  timeval delay;
+  timeval delay;  // misuse with fast-forwarding off
   EXPECT_THAT(assertionText([&] { Tamlo::fastForwardDelayToFirstTimer(&delay); }),
               HasSubstr("Called without fast forward enabled"));
   EXPECT_THAT(assertionText([] { Tamlo::eventLoopFastForwardToFirstTimer(1); }),
@@ -237,20 +228,21 @@ TEST_F(VirtualTimeTest, ChangeNotifiersRunOncePerChange) {
 
 TEST(WaitForDefaultTest, ReadOnceFromTheEnvironment) {
   std::string const failed = "Parsing the WAITFOR_DEFAULT env. variable failed";
-  struct Case {
+  // {value, read as, error}; an empty value leaves the variable unset.
+  for (auto const& [value, out, err] :
+       std::vector<std::array<std::string, 3>>{{"2.5", "2.5", ""},
+                                               {"  3.5s", "3.5", ""},
+                                               {"", "inf", ""},
+                                               {"abc", "inf", failed},
+                                               {"1e999", "inf", failed}}) {
     std::vector<std::string> env;
-    std::string out, err;
-  };
-  for (Case const& c : std::vector<Case>{{{"WAITFOR_DEFAULT=2.5"}, "2.5", ""},
-                                         {{"WAITFOR_DEFAULT=  3.5s"}, "3.5", ""},
-                                         {{}, "inf", ""},
-                                         {{"WAITFOR_DEFAULT=abc"}, "inf", failed},
-                                         {{"WAITFOR_DEFAULT=1e999"}, "inf", failed}}) {
+    if (!value.empty())
+      env.push_back("WAITFOR_DEFAULT=" + value);
     auto const run =
-        Tamlo::Test::runHelper("LibeventHelper", {"waitfor"}, c.env, {"WAITFOR_DEFAULT"});
-    EXPECT_EQ(run.exitCode, 0) << c.out;
-    EXPECT_EQ(run.out, "first " + c.out + " second " + c.out + "\n");
-    EXPECT_EQ(run.err, c.err) << c.out;
+        Tamlo::Test::runHelper("LibeventHelper", {"waitfor"}, env, {"WAITFOR_DEFAULT"});
+    EXPECT_EQ(run.exitCode, 0) << value;
+    EXPECT_EQ(run.out, "first " + out + " second " + out + "\n") << value;
+    EXPECT_EQ(run.err, err) << value;
   }
 }
 
