@@ -64,13 +64,7 @@ class TrackerTest : public ::testing::Test {
 // Each frame line: "#<n> 0x<16 hex digits> <function>+0x<hex> in <object>".
 std::regex const frameLine(R"(#(\d+) 0x[0-9a-f]{16} .+\+0x[0-9a-f]+ in .+)");
 
-std::vector<std::string> linesOf(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
+using Tamlo::Test::linesOf;
 
 [[gnu::noinline]] void throwFromNamedFunction() {
   Tamlo::OutOfRangeException::throwException("index 12 beyond 10");

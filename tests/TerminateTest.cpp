@@ -30,13 +30,7 @@ Tamlo::Test::ChildResult runFailure(std::string const& mode,
   return Tamlo::Test::runHelper("FailureHelper", {mode}, env, quiet);
 }
 
-std::vector<std::string> linesOf(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
+using Tamlo::Test::linesOf;
 
 // True when `text` is nothing but backtrace frames "#0 ...", "#1 ...", each
 // on its own line.

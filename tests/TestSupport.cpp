@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 
 #include <Tamlo/Assert.h>
@@ -102,6 +103,14 @@ ChildResult runHelper(std::string const& name, std::vector<std::string> const& a
   if (WIFSIGNALED(status))
     result.signal = WTERMSIG(status);
   return result;
+}
+
+std::vector<std::string> linesOf(std::string const& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
 }
 
 ThrowOnAssert::ThrowOnAssert() : previous_(throwOnAssertFail()) {

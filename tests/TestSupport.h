@@ -35,6 +35,9 @@ class ThrowOnAssert {
   bool previous_;
 };
 
+// `text` cut at newlines (a final newline ends the last line, adds none).
+std::vector<std::string> linesOf(std::string const& text);
+
 // The message of the assertion that `body` fails with (assertions throw for
 // the call), or "(no assertion)" when it passes.
 template <typename Body>

@@ -32,13 +32,7 @@ std::string readFile(std::string const& path) {
   return text.str();
 }
 
-std::vector<std::string> linesOf(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
-}
+using Tamlo::Test::linesOf;
 
 // A scratch directory, removed with everything in it.
 class TempDir {
