@@ -3,6 +3,8 @@
 // and the incremental statistics reset.
 #include <Tamlo/TaskScheduler.h>
 
+#include <assert.h>
+
 #include <iterator>
 #include <limits>
 #include <utility>
@@ -20,6 +22,10 @@ Platform::DebugHandler const* taskSchedulerDebugHandle() {
   static std::shared_ptr<Platform::DebugHandler> const handle =
       Platform::getDebugHandler("TaskScheduler");
   return handle.get();
+}
+
+void taskFatalAssertFail(std::string const& message, unsigned line, char const* function) {
+  __assert_fail(message.c_str(), "TaskSchedulerCpp", line, function);
 }
 
 }  // namespace Impl

@@ -9,6 +9,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <string>
+
+#include <fmt/format.h>
 
 #include <Tamlo/Assert.h>
 #include <Tamlo/TaskScheduler.h>
@@ -24,7 +27,21 @@ inline TaskTimePoint taskTimeNow() {
   clock_gettime(CLOCK_MONOTONIC, &now);
   return TaskTimePoint(TaskTimeDuration(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec));
 }
+
+// Hands `message` to the C library's assertion failure, attributed to this
+// header, and aborts: nothing is traced and nothing can catch it.
+[[noreturn, gnu::cold]] void taskFatalAssertFail(std::string const& message, unsigned line,
+                                                 char const* function);
 }  // namespace Impl
+
+// The internal invariants of timer tasks, descriptor tasks and task groups
+// use this check rather than TAMLO_ASSERT: a broken one aborts at once, even
+// where assertions are set to throw. The message is an fmt format string.
+#define TAMLO_TASK_FATAL_ASSERT(condition, ...)                                           \
+  do {                                                                                    \
+    if (!(condition)) [[unlikely]]                                                        \
+      ::Tamlo::Impl::taskFatalAssertFail(::fmt::format(__VA_ARGS__), __LINE__, __func__); \
+  } while (0)
 
 inline void _TaskBase::taskHistoryInsert(TaskTimePoint now,
                                          TaskSchedulerHistory::EventType type) const {
