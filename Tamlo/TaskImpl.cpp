@@ -54,6 +54,12 @@ _TaskBase::_TaskBase(std::shared_ptr<TaskScheduler>&& scheduler, TaskPriority pr
 
 _TaskBase::~_TaskBase() = default;
 
+void _TaskBase::taskStatsNameIs(std::string const& name) {
+  if (name == taskStatsName_.text())
+    return;
+  taskStatsName_ = taskScheduler_->history()->stringCache().intern(name);
+}
+
 void _TaskBase::taskBusyChange(bool busy, TaskTimePoint now) {
   taskBusy_ = busy;
   taskHistoryInsert(now, busy ? EventType::busy : EventType::idle);
@@ -318,12 +324,6 @@ void TaskImpl::taskSuspendedIs(bool suspended) {
 void TaskImpl::includeInCompletedTaskIs(bool include) {
   taskFlags_ = include ? uint8_t(taskFlags_ | taskFlagIncludeInCompleted)
                        : uint8_t(taskFlags_ & ~taskFlagIncludeInCompleted);
-}
-
-void TaskImpl::taskStatsNameIs(std::string const& name) {
-  if (name == taskStatsName_.text())
-    return;
-  taskStatsName_ = taskScheduler_->history()->stringCache().intern(name);
 }
 
 // ---- TaskImpl: statistics ----

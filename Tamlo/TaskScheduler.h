@@ -61,12 +61,30 @@ Platform::DebugHandler const* taskSchedulerDebugHandle();
 }  // namespace Impl
 
 // The part of a task that names it and reports its busy state: its
-// scheduler, the interned names, the priority and the test-yield counters.
-// A base of TaskImpl only; never used on its own.
+// scheduler, the interned names, the priority and the test-yield counters;
+// and the operations every kind of task answers, whether it runs itself
+// (TaskImpl) or has subtasks run for it (FileDescriptorTask). Never used on
+// its own.
 class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
  public:
   _TaskBase(_TaskBase const&) = delete;
   _TaskBase& operator=(_TaskBase const&) = delete;
+
+  // Tasks with the same stats name share one line of completed-task
+  // statistics.
+  virtual void taskStatsNameIs(std::string const& name);
+  // On a run queue. Checks the thread.
+  virtual bool taskScheduled() const = 0;
+  // Whether the running task has used its quantum, by the yield mode.
+  virtual bool taskShouldYield() const = 0;
+  // Work done in one call: the total and a decaying average of the samples.
+  virtual void taskWorkCountInc(uint64_t count) = 0;
+  // Work still waiting; its high-water mark is kept.
+  virtual void taskWorkPendingIs(uint32_t pending) = 0;
+  // Called after every change of the busy state; plain tasks do nothing.
+  virtual void handleTaskBusy() {}
+  // Called after the task's statistics were reset; plain tasks do nothing.
+  virtual void handleResetStats() {}
   virtual ~_TaskBase();
 
   TaskScheduler* taskScheduler() const { return taskScheduler_.get(); }
@@ -96,11 +114,6 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   }
 
   void taskHistoryInsert(TaskTimePoint now, TaskSchedulerHistory::EventType type) const;
-
-  // Called after every change of the busy state; plain tasks do nothing.
-  virtual void handleTaskBusy() {}
-  // Called after the task's statistics were reset; plain tasks do nothing.
-  virtual void handleResetStats() {}
 
  protected:
   _TaskBase(std::shared_ptr<TaskScheduler>&& scheduler, TaskPriority priority,
@@ -146,17 +159,10 @@ class TaskImpl : public _TaskBase {
   // taskQuantumIs() refuses longer quanta.
   static constexpr TaskTimeDuration taskQuantumMax{1'000'000'000};
 
-  // Tasks with the same stats name share one line of completed-task
-  // statistics.
-  virtual void taskStatsNameIs(std::string const& name);
-  // On a run queue. Checks the thread.
-  virtual bool taskScheduled() const;
-  // Whether the running task has used its quantum, by the yield mode.
-  virtual bool taskShouldYield() const;
-  // Work done in one call: the total and a decaying average of the samples.
-  virtual void taskWorkCountInc(uint64_t count);
-  // Work still waiting; its high-water mark is kept.
-  virtual void taskWorkPendingIs(uint32_t pending);
+  bool taskScheduled() const override;
+  bool taskShouldYield() const override;
+  void taskWorkCountInc(uint64_t count) override;
+  void taskWorkPendingIs(uint32_t pending) override;
   ~TaskImpl() override;
   // Appends the task to its priority's run queue; nothing when it is queued
   // already (its place is kept); refused, and recorded, while suspended.
