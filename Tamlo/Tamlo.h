@@ -12,6 +12,7 @@
 #include <Tamlo/Errno.h>
 #include <Tamlo/EventBaseTimers.h>
 #include <Tamlo/Exception.h>
+#include <Tamlo/FileDescriptorTask.h>
 #include <Tamlo/Fmt.h>
 #include <Tamlo/FmtraceCpp.h>
 #include <Tamlo/ForkHandler.h>
@@ -24,6 +25,7 @@
 #include <Tamlo/Plugin.h>
 #include <Tamlo/Random.h>
 #include <Tamlo/Task.h>
+#include <Tamlo/TaskControl.h>
 #include <Tamlo/TaskKey.h>
 #include <Tamlo/TaskMaybeU32.h>
 #include <Tamlo/TaskPriority.h>

@@ -1,0 +1,173 @@
+// File-descriptor tasks over socketpairs through the real event loop.
+#include <Tamlo/FileDescriptorTask.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include <Tamlo/Allocator.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+using Tamlo::TaskPriority;
+using namespace Tamlo::Test;
+using ::testing::HasSubstr;
+
+class FdTask : public Tamlo::FileDescriptorTask {
+ public:
+  using Body = std::function<void(FdTask&)>;
+  FdTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler, Body onRead, Body onWrite)
+      : FileDescriptorTask(std::move(scheduler), TaskPriority::normal, "net"),
+        onRead_(std::move(onRead)),
+        onWrite_(std::move(onWrite)) {}
+  void taskExecuteReadable() override { onRead_(*this); }
+  void taskExecuteWritable() override { onWrite_(*this); }
+
+ private:
+  Body onRead_, onWrite_;
+};
+
+class FileDescriptorTaskTest : public ::testing::Test {
+ protected:
+  FileDescriptorTaskTest() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_); }
+  ~FileDescriptorTaskTest() override {
+    close(fds_[0]);
+    close(fds_[1]);
+  }
+  std::shared_ptr<FdTask> makeTask(
+      FdTask::Body onRead = [](FdTask&) {}, FdTask::Body onWrite = [](FdTask&) {}) {
+    auto task = Tamlo::makeShared<FdTask>(root_, std::move(onRead), std::move(onWrite));
+    task->taskWatchFdIs(fds_[0]);
+    return task;
+  }
+
+  ThrowOnAssert const throwOnAssert_;
+  std::shared_ptr<Tamlo::TaskSchedulerRoot> root_ =
+      Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("fd");
+  int fds_[2] = {-1, -1};
+};
+
+// An echo: "ping" read, then "pong" written once writable. Writability is
+// asked for once and reads are turned off, so the loop ends by itself after
+// one run of each direction.
+TEST_F(FileDescriptorTaskTest, EachDirectionRunsOnItsReadinessAndIsChargedItsWork) {
+  auto const task = makeTask(
+      [](FdTask& t) {
+        char buffer[8];
+        t.taskWorkCountInc(static_cast<uint64_t>(read(t.taskWatchFd(), buffer, sizeof buffer)));
+        t.taskWorkPendingIs(1);
+        t.taskWatchReadableIs(false);
+        t.taskWatchWritableIs(true);
+      },
+      [](FdTask& t) {
+        EXPECT_FALSE(t.taskWatchWritable());
+        t.taskWorkCountInc(static_cast<uint64_t>(write(t.taskWatchFd(), "pong", 4)) / 2);
+      });
+  EXPECT_EQ(root_->tasksPerPriority(TaskPriority::normal), 1u);
+  EXPECT_THAT(assertionText([&] { task->taskWorkPendingWritableIs(1); }),
+              HasSubstr("WriteTask not created by taskWatchWritableIs( true )"));
+  ASSERT_EQ(write(fds_[1], "ping", 4), 4);
+  Tamlo::Platform::doEventLoop();
+  char reply[8] = {};
+  EXPECT_EQ(read(fds_[1], reply, sizeof reply), 4);
+  EXPECT_STREQ(reply, "pong");
+  EXPECT_EQ(root_->tasksPerPriority(TaskPriority::normal), 2u);
+  EXPECT_EQ(task->taskRunCountReadable(), 1u);
+  EXPECT_EQ(task->taskRunCountWritable(), 1u);
+  EXPECT_EQ(task->taskWorkCountReadableTotal(), 4u);
+  EXPECT_EQ(task->taskWorkCountWritableTotal(), 2u);
+  EXPECT_EQ(task->taskWorkPendingReadable(), 1u);
+  std::string const history = root_->historyRenderTextForDebugToString();
+  EXPECT_THAT(history, HasSubstr("fdReadable   N net\n"));
+  EXPECT_THAT(history, HasSubstr("fdWritable   N net\n"));
+}
+
+TEST_F(FileDescriptorTaskTest, OnlyAnotherDescriptorUnschedulesBothDirections) {
+  for (bool const sameFd : {true, false}) {
+    auto const task = makeTask();
+    task->scheduleTaskReadable();
+    task->scheduleTaskWritable();
+    task->taskWatchFdIs(sameFd ? fds_[0] : fds_[1]);
+    EXPECT_EQ(task->taskScheduledReadable(), sameFd);
+    EXPECT_EQ(task->taskScheduledWritable(), sameFd);
+    // The owner's busy state follows its directions.
+    EXPECT_EQ(task->taskBusy(), sameFd);
+    task->taskWatchFdDel();
+  }
+}
+
+TEST_F(FileDescriptorTaskTest, SubtaskStatsNamesFollowTheOwnersStatsName) {
+  struct Row {
+    char const* statsName;  // null: left as the name
+    bool writeSideFirst;    // made before the stats name is set
+    std::set<std::string> expected;
+  };
+  for (Row const& row : {Row{nullptr, false, {"net:read", "net:write"}},
+                         Row{"netStats", false, {"netStats:read", "netStats:write"}},
+                         Row{"netStats", true, {"netStats:read", "netStats:write"}}}) {
+    auto const task = makeTask();
+    task->taskWatchWritableIs(row.writeSideFirst);
+    if (row.statsName != nullptr)
+      task->taskStatsNameIs(row.statsName);
+    task->taskWatchWritableIs(true);
+    std::set<std::string> names;
+    for (Tamlo::TaskImpl const& subtask : root_->registeredTasks())
+      names.insert(subtask.taskStatsName());
+    EXPECT_EQ(names, row.expected) << row.writeSideFirst;
+  }
+}
+
+TEST_F(FileDescriptorTaskTest, TheReadSideRefusesRunsItMustNotMake) {
+  struct Row {
+    std::function<void(FdTask&, int peer)> arrange;
+    char const* message;
+    uint64_t runsCounted;  // the refused run included
+  };
+  Row const rows[] = {
+      {[](FdTask& task, int) {
+         task.taskWatchReadableIs(false);
+         task.scheduleTaskReadable();
+       },
+       "ReadTask should only run if taskWatchReadable", 1},
+      // The handler's exception leaves the task executing.
+      {[](FdTask&, int peer) {
+         ASSERT_EQ(write(peer, "x", 1), 1);
+         EXPECT_THROW(Tamlo::Platform::doEventLoop(), std::runtime_error);
+         ASSERT_EQ(write(peer, "y", 1), 1);
+       },
+       "Executing task already set", 2},
+  };
+  for (Row const& row : rows) {
+    auto const task = makeTask([](FdTask&) { throw std::runtime_error("broke off"); });
+    row.arrange(*task, fds_[1]);
+    EXPECT_THAT(assertionText([] { Tamlo::Platform::doEventLoop(); }), HasSubstr(row.message));
+    EXPECT_EQ(task->taskRunCountReadable(), row.runsCounted) << row.message;
+  }
+}
+
+TEST(FileDescriptorTaskFatalTest, ReadinessNotWatchedForEndsTheProcess) {
+  struct Row {
+    char const* mode;
+    char const* message;
+  };
+  for (Row const& row :
+       {Row{"fdreadoff", "Assertion `readFdEvent() called with taskWatchReadable off' failed"},
+        Row{"fdwriteoff", "Assertion `writeFdEvent() called with taskWatchWritable off' failed"},
+        Row{"fdother", "Assertion `Notified about 21 watching 20' failed"}}) {
+    auto const result = runHelper("SchedulerHelper", {row.mode}, {}, {"TRACE"});
+    EXPECT_EQ(result.signal, SIGABRT) << row.mode;
+    EXPECT_THAT(result.err, HasSubstr("SchedulerHelper: TaskSchedulerCpp:")) << row.mode;
+    EXPECT_THAT(result.err, HasSubstr(row.message)) << row.mode;
+  }
+}
+
+}  // namespace
