@@ -5,7 +5,11 @@
 //   TRACE='Demo*/123' TRACEFORMAT=time,handle,level,func-name ./demo
 #include <Tamlo/Tamlo.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <string>
 
 namespace {
 
@@ -26,6 +30,72 @@ class Inventory {
 
 void section(char const* title) {
   std::printf("\n== %s\n", title);
+}
+
+// Two file-descriptor tasks on the ends of a socketpair: a client that sends
+// three pings, each once the previous reply is in, and a server that answers
+// each from its writable run (it asks for writability once per reply). The
+// client then shuts its side; the server sees the end and stops watching, and
+// with nothing left to watch the loop returns.
+void echoOverSocketpair() {
+  section("An echo over a socketpair, served by file-descriptor tasks");
+  class Peer : public Tamlo::FileDescriptorTask {
+   public:
+    Peer(char const* name, int fd, int pings)
+        : FileDescriptorTask(Tamlo::schedulerRootTamlo(), Tamlo::TaskPriority::normal, name),
+          trace_(Tamlo::Platform::getDebugHandler("DemoEcho")),
+          pingsLeft_(pings) {
+      taskWatchFdIs(fd);
+    }
+    void send(std::string const& text) {
+      TAMLO_TRACE(trace_, 1, "{} sends \"{}\"", taskName(), text);
+      [[maybe_unused]] ssize_t const n = write(taskWatchFd(), text.data(), text.size());
+    }
+    void taskExecuteReadable() override {
+      char buffer[64];
+      ssize_t const n = read(taskWatchFd(), buffer, sizeof buffer);
+      if (n <= 0) {
+        TAMLO_TRACE(trace_, 2, "{} sees the end, stops watching", taskName());
+        taskWatchReadableIs(false);
+        return;
+      }
+      std::string const text(buffer, static_cast<size_t>(n));
+      TAMLO_TRACE(trace_, 1, "{} reads \"{}\"", taskName(), text);
+      taskWorkCountInc(static_cast<uint64_t>(n));
+      if (pingsLeft_ < 0) {  // the server
+        reply_ = "pong" + text.substr(4);
+        taskWatchWritableIs(true);
+      } else if (pingsLeft_-- > 0) {
+        send(fmt::format("ping {}", 3 - pingsLeft_));
+      } else {
+        shutdown(taskWatchFd(), SHUT_WR);
+        taskWatchReadableIs(false);
+      }
+    }
+    void taskExecuteWritable() override {
+      TAMLO_TRACE(trace_, 3, "{} writable, watching writability: {}", taskName(),
+                  taskWatchWritable());
+      send(reply_);
+    }
+
+   private:
+    std::shared_ptr<Tamlo::Platform::DebugHandler> trace_;
+    int pingsLeft_;  // -1 for the server
+    std::string reply_;
+  };
+  int fds[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
+    return;
+  auto const server = Tamlo::makeShared<Peer>("server", fds[0], -1);
+  auto const client = Tamlo::makeShared<Peer>("client", fds[1], 2);
+  client->send("ping 1");
+  Tamlo::Platform::doEventLoop();
+  std::printf("server: %llu readable runs, %llu writable runs, %llu bytes read\n",
+              static_cast<unsigned long long>(server->taskRunCountReadable()),
+              static_cast<unsigned long long>(server->taskRunCountWritable()),
+              static_cast<unsigned long long>(server->taskWorkCountReadableTotal()));
+  close(fds[0]);
+  close(fds[1]);
 }
 
 }  // namespace
@@ -88,5 +158,7 @@ int main() {
         std::printf("%-8s runs %llu\n", priority.toStrep().c_str(),
                     static_cast<unsigned long long>(stats.totalRunCount));
   }
+
+  echoOverSocketpair();
   return 0;
 }
