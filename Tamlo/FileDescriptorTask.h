@@ -87,7 +87,8 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
 
   // ---- Statistics of each direction (0 or false while the write side does
   // not exist; its setters then fail with "WriteTask not created by
-  // taskWatchWritableIs( true )") ----
+  // taskWatchWritableIs( true )"). High-water marks are 0 before the first
+  // sample. ----
 
   uint64_t taskWorkCountReadableTotal() const;
   uint64_t taskWorkCountWritableTotal() const;
