@@ -24,6 +24,8 @@
 #include <Tamlo/Plugin.h>
 #include <Tamlo/Random.h>
 #include <Tamlo/Task.h>
+#include <Tamlo/TaskControl.h>
+#include <Tamlo/TaskGroup.h>
 #include <Tamlo/TaskKey.h>
 #include <Tamlo/TaskMaybeU32.h>
 #include <Tamlo/TaskPriority.h>
@@ -33,6 +35,7 @@
 #include <Tamlo/TaskTime.h>
 #include <Tamlo/Terminate.h>
 #include <Tamlo/Thread.h>
+#include <Tamlo/TimerTask.h>
 #include <Tamlo/TimerWheel.h>
 #include <Tamlo/TypeName.h>
 #include <Tamlo/Util.h>

@@ -1,14 +1,22 @@
-// Scheduler failures that end the process. Usage: SchedulerHelper <mode>
-//   selfdestroy  a task destroys itself from inside its own run
+// Scheduler failures that end the process, and runs whose trace a test
+// compares. Usage: SchedulerHelper <mode>; the modes are in the table below.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
+#include <string_view>
 
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Task.h>
+#include <Tamlo/TaskGroup.h>
+#include <Tamlo/TimerTask.h>
 
 namespace {
+
+using namespace std::chrono_literals;
+using Tamlo::TaskPriority;
 
 class DoomedTask : public Tamlo::Task {
  public:
@@ -25,11 +33,110 @@ int selfDestroyMode() {
   return 0;
 }
 
+template <typename Base>
+class IdleTask : public Base {
+ public:
+  IdleTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler, TaskPriority priority)
+      : Base(std::move(scheduler), priority, "tick") {}
+  void taskExecute() override {}
+};
+
+std::shared_ptr<IdleTask<Tamlo::TimerTask>> timerTask() {
+  return Tamlo::makeShared<IdleTask<Tamlo::TimerTask>>(Tamlo::schedulerRootTamlo(),
+                                                       TaskPriority::normal);
+}
+
+// Jitter draws on a fresh root, then each trace line of a timer task once.
+int timerTraceMode() {
+  auto const timer = timerTask();
+  for (int i = 0; i < 4; ++i)
+    timer->scheduleTaskJitterUp(1s, 50);
+  timer->scheduleTaskJitterDown(2.5, 30);
+  timer->scheduleTaskDelay(1230ms);
+  timer->scheduleTaskLowestDelay(5.0);
+  timer->stopTimerTask();
+  timer->stopTimerTask();
+  timer->scheduleTask();
+  timer->scheduleTaskLowestDelay(5.0);
+  return 0;
+}
+
+int jitterAboveHundredMode() {
+  timerTask()->scheduleTaskJitterUp(1s, 101);
+  return 0;
+}
+
+int lowestDelayNeverMode() {
+  timerTask()->scheduleTaskLowestDelay(std::chrono::nanoseconds::max());
+  return 0;
+}
+
+int lowestDelayInfinityMode() {
+  timerTask()->scheduleTaskLowestDelay(std::numeric_limits<double>::infinity());
+  return 0;
+}
+
+// The first draw of a fresh root is 0: an offset of 0 exceeds -10 ns.
+int jitterNegativeMode() {
+  timerTask()->scheduleTaskJitterDown(-10ns, 100);
+  return 0;
+}
+
+int groupPriorityMode() {
+  auto const group =
+      Tamlo::TaskGroup::TaskGroupIs("io", TaskPriority::high, true, Tamlo::schedulerRootTamlo());
+  Tamlo::makeShared<IdleTask<Tamlo::Task>>(group, TaskPriority::normal);
+  return 0;
+}
+
+int orphanParentTaskMode() {
+  auto group =
+      Tamlo::TaskGroup::TaskGroupIs("io", TaskPriority::normal, false, Tamlo::schedulerRootTamlo());
+  auto const parent = group->parentTask().shared_from_this();
+  group.reset();
+  static_cast<Tamlo::TaskImpl const&>(*parent).getStats();
+  return 0;
+}
+
+// A suspended root drops the group's requests, so the ParentTask's run
+// leaves work behind without being scheduled again.
+int groupSuspendedMode() {
+  auto const root = Tamlo::schedulerRootTamlo();
+  auto const group = Tamlo::TaskGroup::TaskGroupIs("io", TaskPriority::normal, false, root);
+  group->taskGroupQuantumIs(1ms);
+  auto const task = Tamlo::makeShared<IdleTask<Tamlo::Task>>(group, TaskPriority::normal);
+  root->suspendedIs(true);
+  task->scheduleTask();
+  group->taskGroupRunFromTest();
+  return 0;
+}
+
+struct Mode {
+  std::string_view name;
+  int (*run)();
+};
+
+constexpr Mode modes[] = {
+    {"selfdestroy", selfDestroyMode},
+    {"timertrace", timerTraceMode},
+    {"jitter101", jitterAboveHundredMode},
+    {"lowestnever", lowestDelayNeverMode},
+    {"lowestinfinity", lowestDelayInfinityMode},
+    {"jitternegative", jitterNegativeMode},
+    {"grouppriority", groupPriorityMode},
+    {"orphanparent", orphanParentTaskMode},
+    {"groupsuspended", groupSuspendedMode},
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && std::strcmp(argv[1], "selfdestroy") == 0)
-    return selfDestroyMode();
-  std::fprintf(stderr, "usage: SchedulerHelper selfdestroy\n");
+  for (Mode const& mode : modes)
+    if (argc == 2 && mode.name == argv[1])
+      return mode.run();
+  std::fprintf(stderr, "usage: SchedulerHelper <mode>; modes:");
+  for (Mode const& mode : modes)
+    std::fprintf(stderr, " %.*s", static_cast<int>(mode.name.size()), mode.name.data());
+  std::fprintf(stderr, "\n");
   return 2;
 }
