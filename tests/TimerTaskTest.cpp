@@ -19,6 +19,7 @@
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Platform.h>
 
+#include "SchedulerTestSupport.h"
 #include "TestSupport.h"
 
 namespace {
@@ -47,10 +48,9 @@ class RecordingTimer : public TimerTask {
 
 class TimerTaskTest : public ::testing::Test {
  protected:
-  TimerTaskTest() { Tamlo::Platform::setFastForward(true); }
   ~TimerTaskTest() override { Tamlo::Platform::setFastForward(false); }
 
-  std::shared_ptr<TaskSchedulerRoot> root_ = TaskSchedulerRoot::TaskSchedulerRootIs("timers");
+  std::shared_ptr<TaskSchedulerRoot> root_ = Tamlo::Test::virtualTimeRoot("timers");
   std::shared_ptr<RecordingTimer> timer_ = Tamlo::makeShared<RecordingTimer>(root_);
 };
 
