@@ -2,7 +2,6 @@
 // compares. Usage: SchedulerHelper <mode>; the modes are in the table below.
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <limits>
 #include <memory>
 #include <string_view>
@@ -34,16 +33,19 @@ int selfDestroyMode() {
 }
 
 template <typename Base>
-class IdleTask : public Base {
- public:
+struct IdleTask : Base {
   IdleTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler, TaskPriority priority)
       : Base(std::move(scheduler), priority, "tick") {}
   void taskExecute() override {}
 };
 
-std::shared_ptr<IdleTask<Tamlo::TimerTask>> timerTask() {
+std::shared_ptr<Tamlo::TimerTask> timerTask() {
   return Tamlo::makeShared<IdleTask<Tamlo::TimerTask>>(Tamlo::schedulerRootTamlo(),
                                                        TaskPriority::normal);
+}
+
+std::shared_ptr<Tamlo::TaskGroup> group(TaskPriority priority, bool enforced) {
+  return Tamlo::TaskGroup::TaskGroupIs("io", priority, enforced, Tamlo::schedulerRootTamlo());
 }
 
 // Jitter draws on a fresh root, then each trace line of a timer task once.
@@ -61,39 +63,11 @@ int timerTraceMode() {
   return 0;
 }
 
-int jitterAboveHundredMode() {
-  timerTask()->scheduleTaskJitterUp(1s, 101);
-  return 0;
-}
-
-int lowestDelayNeverMode() {
-  timerTask()->scheduleTaskLowestDelay(std::chrono::nanoseconds::max());
-  return 0;
-}
-
-int lowestDelayInfinityMode() {
-  timerTask()->scheduleTaskLowestDelay(std::numeric_limits<double>::infinity());
-  return 0;
-}
-
-// The first draw of a fresh root is 0: an offset of 0 exceeds -10 ns.
-int jitterNegativeMode() {
-  timerTask()->scheduleTaskJitterDown(-10ns, 100);
-  return 0;
-}
-
-int groupPriorityMode() {
-  auto const group =
-      Tamlo::TaskGroup::TaskGroupIs("io", TaskPriority::high, true, Tamlo::schedulerRootTamlo());
-  Tamlo::makeShared<IdleTask<Tamlo::Task>>(group, TaskPriority::normal);
-  return 0;
-}
-
+// A ParentTask that outlives its group.
 int orphanParentTaskMode() {
-  auto group =
-      Tamlo::TaskGroup::TaskGroupIs("io", TaskPriority::normal, false, Tamlo::schedulerRootTamlo());
-  auto const parent = group->parentTask().shared_from_this();
-  group.reset();
+  auto io = group(TaskPriority::normal, false);
+  auto const parent = io->parentTask().shared_from_this();
+  io.reset();
   static_cast<Tamlo::TaskImpl const&>(*parent).getStats();
   return 0;
 }
@@ -101,13 +75,12 @@ int orphanParentTaskMode() {
 // A suspended root drops the group's requests, so the ParentTask's run
 // leaves work behind without being scheduled again.
 int groupSuspendedMode() {
-  auto const root = Tamlo::schedulerRootTamlo();
-  auto const group = Tamlo::TaskGroup::TaskGroupIs("io", TaskPriority::normal, false, root);
-  group->taskGroupQuantumIs(1ms);
-  auto const task = Tamlo::makeShared<IdleTask<Tamlo::Task>>(group, TaskPriority::normal);
-  root->suspendedIs(true);
+  auto const io = group(TaskPriority::normal, false);
+  io->taskGroupQuantumIs(1ms);
+  auto const task = Tamlo::makeShared<IdleTask<Tamlo::Task>>(io, TaskPriority::normal);
+  Tamlo::schedulerRootTamlo()->suspendedIs(true);
   task->scheduleTask();
-  group->taskGroupRunFromTest();
+  io->taskGroupRunFromTest();
   return 0;
 }
 
@@ -119,11 +92,21 @@ struct Mode {
 constexpr Mode modes[] = {
     {"selfdestroy", selfDestroyMode},
     {"timertrace", timerTraceMode},
-    {"jitter101", jitterAboveHundredMode},
-    {"lowestnever", lowestDelayNeverMode},
-    {"lowestinfinity", lowestDelayInfinityMode},
-    {"jitternegative", jitterNegativeMode},
-    {"grouppriority", groupPriorityMode},
+    {"jitter101", [] { return timerTask()->scheduleTaskJitterUp(1s, 101), 0; }},
+    {"lowestnever",
+     [] { return timerTask()->scheduleTaskLowestDelay(std::chrono::nanoseconds::max()), 0; }},
+    {"lowestinfinity",
+     [] {
+       return timerTask()->scheduleTaskLowestDelay(std::numeric_limits<double>::infinity()), 0;
+     }},
+    // The first draw of a fresh root is 0, and an offset of 0 exceeds -10 ns.
+    {"jitternegative", [] { return timerTask()->scheduleTaskJitterDown(-10ns, 100), 0; }},
+    {"grouppriority",
+     [] {
+       Tamlo::makeShared<IdleTask<Tamlo::Task>>(group(TaskPriority::high, true),
+                                                TaskPriority::normal);
+       return 0;
+     }},
     {"orphanparent", orphanParentTaskMode},
     {"groupsuspended", groupSuspendedMode},
 };
