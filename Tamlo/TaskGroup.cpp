@@ -188,6 +188,7 @@ uint64_t TaskGroup::parentTaskRunCount() const {
 }
 
 void TaskGroup::taskGroupRunFromTest() {
+  root()->sanityCheckCurrentRunningThread();
   parentTask_->taskRunFromTest();
 }
 

@@ -26,8 +26,8 @@ namespace Tamlo {
 // neither, never both. Jitter is drawn from the root's rand_r seed, which
 // starts at 0 and is shared with the root's other draws, so a process that
 // makes the same draws gets the same offsets on every run. Misuse that would
-// break the timer (jitter above 100%, a lowest delay of never) aborts the
-// process at once through the C library's assertion failure.
+// break the timer (jitter above 100%, a lowest delay of never, a NaN delay)
+// aborts the process at once through the C library's assertion failure.
 //
 // Threads: none. Every operation checks that it runs on the root's thread;
 // the wheel calls timeout() from the same thread's event loop.
