@@ -26,6 +26,7 @@
 #include <Tamlo/Random.h>
 #include <Tamlo/Task.h>
 #include <Tamlo/TaskControl.h>
+#include <Tamlo/TaskGroup.h>
 #include <Tamlo/TaskKey.h>
 #include <Tamlo/TaskMaybeU32.h>
 #include <Tamlo/TaskPriority.h>
@@ -35,6 +36,7 @@
 #include <Tamlo/TaskTime.h>
 #include <Tamlo/Terminate.h>
 #include <Tamlo/Thread.h>
+#include <Tamlo/TimerTask.h>
 #include <Tamlo/TimerWheel.h>
 #include <Tamlo/TypeName.h>
 #include <Tamlo/Util.h>

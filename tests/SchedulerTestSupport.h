@@ -38,6 +38,13 @@ inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> sch
   return makeShared<FunctionTask>(std::move(scheduler), priority, name, std::move(body));
 }
 
+// A new root that measures runs in virtual time: fast-forward is switched on
+// before it is built (the caller switches it off).
+inline std::shared_ptr<TaskSchedulerRoot> virtualTimeRoot(std::string const& name) {
+  Platform::setFastForward(true);
+  return TaskSchedulerRoot::TaskSchedulerRootIs(name);
+}
+
 inline void runLoop() {
   Platform::doEventLoop();
 }

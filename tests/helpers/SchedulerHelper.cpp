@@ -1,21 +1,25 @@
-// Scheduler failures that end the process. Usage: SchedulerHelper <mode>
-//   selfdestroy  a task destroys itself from inside its own run
-//   fdreadoff    an fd task told of readability it does not watch
-//   fdwriteoff   an fd task told of writability it does not watch
-//   fdother      an fd task told of another descriptor than its own
+// Scheduler failures that end the process, and runs whose trace a test
+// compares. Usage: SchedulerHelper <mode>; the modes are in the table below.
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
-#include <cstring>
+#include <limits>
 #include <memory>
+#include <string_view>
 
 #include <Tamlo/Allocator.h>
 #include <Tamlo/FileDescriptorTask.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Task.h>
+#include <Tamlo/TaskGroup.h>
+#include <Tamlo/TimerTask.h>
 
 namespace {
+
+using namespace std::chrono_literals;
+using Tamlo::TaskPriority;
 
 class DoomedTask : public Tamlo::Task {
  public:
@@ -29,6 +33,58 @@ int selfDestroyMode() {
   task->scheduleTask();
   Tamlo::Platform::doEventLoop();
   std::puts("the run returned");
+  return 0;
+}
+
+template <typename Base>
+struct IdleTask : Base {
+  IdleTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler, TaskPriority priority)
+      : Base(std::move(scheduler), priority, "tick") {}
+  void taskExecute() override {}
+};
+
+std::shared_ptr<Tamlo::TimerTask> timerTask() {
+  return Tamlo::makeShared<IdleTask<Tamlo::TimerTask>>(Tamlo::schedulerRootTamlo(),
+                                                       TaskPriority::normal);
+}
+
+std::shared_ptr<Tamlo::TaskGroup> group(TaskPriority priority, bool enforced) {
+  return Tamlo::TaskGroup::TaskGroupIs("io", priority, enforced, Tamlo::schedulerRootTamlo());
+}
+
+// Jitter draws on a fresh root, then each trace line of a timer task once.
+int timerTraceMode() {
+  auto const timer = timerTask();
+  for (int i = 0; i < 4; ++i)
+    timer->scheduleTaskJitterUp(1s, 50);
+  timer->scheduleTaskJitterDown(2.5, 30);
+  timer->scheduleTaskDelay(1230ms);
+  timer->scheduleTaskLowestDelay(5.0);
+  timer->stopTimerTask();
+  timer->stopTimerTask();
+  timer->scheduleTask();
+  timer->scheduleTaskLowestDelay(5.0);
+  return 0;
+}
+
+// A ParentTask that outlives its group.
+int orphanParentTaskMode() {
+  auto io = group(TaskPriority::normal, false);
+  auto const parent = io->parentTask().shared_from_this();
+  io.reset();
+  static_cast<Tamlo::TaskImpl const&>(*parent).getStats();
+  return 0;
+}
+
+// A suspended root drops the group's requests, so the ParentTask's run
+// leaves work behind without being scheduled again.
+int groupSuspendedMode() {
+  auto const io = group(TaskPriority::normal, false);
+  io->taskGroupQuantumIs(1ms);
+  auto const task = Tamlo::makeShared<IdleTask<Tamlo::Task>>(io, TaskPriority::normal);
+  Tamlo::schedulerRootTamlo()->suspendedIs(true);
+  task->scheduleTask();
+  io->taskGroupRunFromTest();
   return 0;
 }
 
@@ -58,30 +114,44 @@ int fdReadOffMode() {
 }
 
 struct Mode {
-  char const* name;
+  std::string_view name;
   int (*run)();
 };
+
 constexpr Mode modes[] = {
     {"selfdestroy", selfDestroyMode},
+    {"timertrace", timerTraceMode},
+    {"jitter101", [] { return timerTask()->scheduleTaskJitterUp(1s, 101), 0; }},
+    {"lowestnever",
+     [] { return timerTask()->scheduleTaskLowestDelay(std::chrono::nanoseconds::max()), 0; }},
+    {"lowestinfinity",
+     [] {
+       return timerTask()->scheduleTaskLowestDelay(std::numeric_limits<double>::infinity()), 0;
+     }},
+    // The first draw of a fresh root is 0, and an offset of 0 exceeds -10 ns.
+    {"jitternegative", [] { return timerTask()->scheduleTaskJitterDown(-10ns, 100), 0; }},
+    {"grouppriority",
+     [] {
+       Tamlo::makeShared<IdleTask<Tamlo::Task>>(group(TaskPriority::high, true),
+                                                TaskPriority::normal);
+       return 0;
+     }},
+    {"orphanparent", orphanParentTaskMode},
+    {"groupsuspended", groupSuspendedMode},
     {"fdreadoff", fdReadOffMode},
-    {"fdwriteoff",
-     [] {
-       fdTaskOn20()->writeFdEvent(20);
-       return 0;
-     }},
-    {"fdother",
-     [] {
-       fdTaskOn20()->readFdEvent(21);
-       return 0;
-     }},
+    {"fdwriteoff", [] { return fdTaskOn20()->writeFdEvent(20), 0; }},
+    {"fdother", [] { return fdTaskOn20()->readFdEvent(21), 0; }},
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
   for (Mode const& mode : modes)
-    if (argc == 2 && std::strcmp(argv[1], mode.name) == 0)
+    if (argc == 2 && mode.name == argv[1])
       return mode.run();
-  std::fprintf(stderr, "usage: SchedulerHelper <mode> (see the source)\n");
+  std::fprintf(stderr, "usage: SchedulerHelper <mode>; modes:");
+  for (Mode const& mode : modes)
+    std::fprintf(stderr, " %.*s", static_cast<int>(mode.name.size()), mode.name.data());
+  std::fprintf(stderr, "\n");
   return 2;
 }

@@ -1,0 +1,99 @@
+// Task groups: the parent task that stands for the group in its parent, and
+// how many group turns one parent run makes by mode, quantum and forced
+// yields (in virtual time, so that the test sets run lengths).
+#include <Tamlo/TaskGroup.h>
+
+#include <gtest/gtest.h>
+
+#include "SchedulerTestSupport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Tamlo::TaskGroup;
+using Tamlo::TaskPriority;
+using namespace Tamlo::Test;
+
+class TaskGroupTest : public ::testing::Test {
+ protected:
+  ~TaskGroupTest() override { Tamlo::Platform::setFastForward(false); }
+  std::shared_ptr<Tamlo::TaskSchedulerRoot> root_ = virtualTimeRoot("groups");
+};
+
+TEST_F(TaskGroupTest, ParentTaskRunsTheGroupAsOneTaskOfItsParent) {
+  std::string journal;
+  auto group = TaskGroup::TaskGroupIs("io", TaskPriority::normal, false, root_);
+  TaskGroup::ParentTask const& parent = group->parentTask();
+  EXPECT_EQ(parent.taskDisplayName(), "N TaskGroup;io");
+  EXPECT_EQ(parent.taskScheduler(), root_.get());
+  EXPECT_EQ(parent.isTaskGroup(), group.get());
+  EXPECT_TRUE(parent.taskStatus().taskIsTaskGroup());
+
+  // Any priority may join an unenforced group; its tasks run by priority
+  // inside the parent task's run, which is queued like any task.
+  auto low = makeTask(group, TaskPriority::low, "b", journalRuns(journal, 1));
+  auto high = makeTask(group, TaskPriority::high, "a", journalRuns(journal, 1));
+  auto const outside = makeTask(root_, TaskPriority::normal, "r", journalRuns(journal, 1));
+  for (FunctionTask* task : {low.get(), high.get(), outside.get()})
+    task->scheduleTask();
+  EXPECT_TRUE(group->parentTaskScheduled());
+  EXPECT_EQ(root_->registeredTaskCount(), 2u);
+  runLoop();
+  EXPECT_EQ(journal, "abr");
+  EXPECT_FALSE(group->parentTaskScheduled());
+  EXPECT_EQ(group->parentTaskRunCount(), 1u);
+
+  // The tasks keep the group alive; the last to go takes the group and its
+  // parent task out of the root.
+  group.reset();
+  low.reset();
+  EXPECT_EQ(root_->taskGroupCount(), 1u);
+  high.reset();
+  EXPECT_EQ(root_->taskGroupCount(), 0u);
+  EXPECT_EQ(root_->registeredTaskCount(), 1u);
+}
+
+// Three tasks that each take a quarter of a virtual second and always
+// schedule themselves again: what two parent runs get through.
+TEST_F(TaskGroupTest, GroupTurnsPerParentRunFollowModeQuantumAndForcedYields) {
+  enum class Force { none, group, task };
+  struct Row {
+    bool multipleRuns;
+    Tamlo::TaskTimeDuration quantum;
+    Force force;
+    char const* twoRuns;
+  } const rows[] = {
+      {false, 1s, Force::none, "abcabc"},   // each task once per run
+      {false, 500ms, Force::none, "abca"},  // the rest of a cut run goes first
+      {true, 1s, Force::none, "abcabcab"},
+      {true, 500ms, Force::none, "abca"},
+      {true, 1s, Force::group, "ab"},
+      {true, 1s, Force::task, "ab"},  // a task forced to yield forces the group
+  };
+  for (Row const& row : rows) {
+    std::string journal;
+    auto const group = TaskGroup::TaskGroupIs("g", TaskPriority::normal, true, root_);
+    group->tasksPermittedMultipleRunsIs(row.multipleRuns);
+    group->taskGroupQuantumIs(row.quantum);
+    std::vector<std::shared_ptr<FunctionTask>> tasks;
+    for (char const* name : {"a", "b", "c"}) {
+      tasks.push_back(makeTask(group, TaskPriority::normal, name, [&journal](FunctionTask& self) {
+        journal += self.taskName();
+        Tamlo::Platform::fastForwardBy(0.25);
+        self.scheduleTask();
+      }));
+      tasks.back()->scheduleTask();
+    }
+    group->taskGroupForceYieldInTestIs(row.force == Force::group);
+    tasks[0]->taskForceYieldInTestIs(row.force == Force::task);
+    group->taskGroupRunFromTest();
+    group->taskGroupRunFromTest();
+    EXPECT_EQ(journal, row.twoRuns);
+    EXPECT_TRUE(group->parentTaskScheduled());
+    EXPECT_EQ(tasks[0]->taskQuantum(), 20ms) << "the tasks keep their own quanta";
+    for (auto const& task : tasks)
+      task->taskSuspendedIs(true);
+  }
+}
+
+}  // namespace

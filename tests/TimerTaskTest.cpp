@@ -1,0 +1,163 @@
+// Timer tasks in virtual time: how each schedule form sets, keeps or stops
+// the expiry; the history and status of the timer; its trace lines and
+// jitter, repeated by a fresh process; the checks that abort.
+#include <Tamlo/TimerTask.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <functional>
+#include <limits>
+
+#include <fmt/chrono.h>
+
+#include "SchedulerTestSupport.h"
+#include "TestSupport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
+using Tamlo::TimerTask;
+using EventType = Tamlo::TaskSchedulerHistory::EventType;
+
+constexpr double never = std::numeric_limits<double>::infinity();
+
+// Records the virtual time of each expiry.
+struct RecordingTimer : TimerTask {
+  explicit RecordingTimer(std::shared_ptr<Tamlo::TaskScheduler> scheduler)
+      : TimerTask(std::move(scheduler), Tamlo::TaskPriority::normal, "tick") {}
+  void timeout() override {
+    expiries.push_back(Tamlo::time());
+    TimerTask::timeout();
+  }
+  void taskExecute() override {}
+  std::vector<double> expiries;
+};
+
+class TimerTaskTest : public ::testing::Test {
+ protected:
+  ~TimerTaskTest() override { Tamlo::Platform::setFastForward(false); }
+  std::shared_ptr<Tamlo::TaskSchedulerRoot> root_ = Tamlo::Test::virtualTimeRoot("timers");
+};
+
+using Step = std::function<void(TimerTask&)>;
+Step delay(double seconds) {
+  return [seconds](TimerTask& t) { t.scheduleTaskDelay(seconds); };
+}
+
+// `fires`: seconds from the start to the expiry; 0: runnable at once, no
+// timer; never: idle.
+TEST_F(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
+  struct Row {
+    char const* name;
+    Step first, second;
+    double fires;
+  } const rows[] = {
+      {"restart later", delay(3), [](TimerTask& t) { t.scheduleTaskDelay(10s); }, 10},
+      {"restart earlier", delay(10), delay(3), 3},
+      {"lowest keeps sooner", delay(3), [](TimerTask& t) { t.scheduleTaskLowestDelay(5.0); }, 3},
+      {"lowest moves later", delay(10), [](TimerTask& t) { t.scheduleTaskLowestDelay(5s); }, 5},
+      {"lowest leaves runnable", [](TimerTask& t) { t.scheduleTask(); },
+       [](TimerTask& t) { t.scheduleTaskLowestDelay(5.0); }, 0},
+      {"zero stops timer", delay(3), [](TimerTask& t) { t.scheduleTaskDelay(0ns); }, 0},
+      {"infinity stops", delay(3), delay(never), never},
+      {"max stops", delay(3), [](TimerTask& t) { t.scheduleTaskDelay(nanoseconds::max()); }, never},
+      {"jitter never stops runnable", [](TimerTask& t) { t.scheduleTask(); },
+       [](TimerTask& t) { t.scheduleTaskJitterDown(never, 10); }, never},
+      {"no jitter", delay(10), [](TimerTask& t) { t.scheduleTaskJitterUp(3s, 0); }, 3},
+  };
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.name);
+    auto const timer = Tamlo::makeShared<RecordingTimer>(root_);
+    // The expiry lies between these two instants.
+    double const before = Tamlo::time();
+    row.first(*timer);
+    row.second(*timer);
+    double const after = Tamlo::time(), due = timer->currentExpirationTime();
+    EXPECT_EQ(timer->timerRunning(), row.fires != 0 && row.fires != never);
+    if (row.fires == never)
+      EXPECT_EQ(due, never);
+    else
+      EXPECT_TRUE(due >= before + row.fires && due <= Tamlo::time() + row.fires) << due - after;
+    Tamlo::Platform::doEventLoop(20.0);
+    EXPECT_EQ(timer->taskRunCount(), row.fires == never ? 0u : 1u);
+    if (row.fires != never && row.fires != 0) {
+      // Never early; late only by the real time a pass takes.
+      ASSERT_EQ(timer->expiries.size(), 1u);
+      EXPECT_TRUE(timer->expiries[0] >= due && timer->expiries[0] < due + 0.5);
+    }
+  }
+}
+
+TEST_F(TimerTaskTest, OnlyARunningTimerRecordsItsStopAndShowsInTheStatus) {
+  auto const timer = Tamlo::makeShared<RecordingTimer>(root_);
+  auto const event = [&](int age) { return root_->history()->event(age).eventType(); };
+  timer->stopTimerTask();
+  EXPECT_EQ(event(0), EventType::create);
+  timer->scheduleTaskDelay(1.0);
+  EXPECT_EQ(event(1), EventType::timerStart);
+  EXPECT_EQ(event(0), EventType::busy);
+  EXPECT_TRUE(timer->taskStatus().taskTimerRunning());
+  timer->stopTimerTask();
+  EXPECT_EQ(event(1), EventType::timerStop);
+  EXPECT_EQ(event(0), EventType::idle);
+  EXPECT_TRUE(timer->taskStatus().taskTimer());
+  EXPECT_FALSE(timer->taskStatus().taskTimerRunning());
+}
+
+// A fresh process draws as a fresh root here does: both seeds start at 0.
+TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
+  auto const twin = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("twin");
+  std::vector<std::string> expected;
+  for (int i = 0; i < 4; ++i) {
+    nanoseconds const offset{twin->randomPercent() * (50 * nanoseconds(1s).count()) / 10000};
+    expected.push_back(
+        fmt::format("Timer jitterUp N tick delay 1000000000ns + {} = {}", offset, 1s + offset));
+    expected.push_back(fmt::format("Timer started N tick delay {}", (1s + offset).count() / 1e9));
+  }
+  double const down = twin->randomPercent() * (30 * 2.5) / 10000.0;
+  expected.insert(expected.end(),
+                  {fmt::format("Timer jitterDown N tick delay 2.5 - {} = {}", down, 2.5 - down),
+                   fmt::format("Timer started N tick delay {}", 2.5 - down),
+                   "Timer started N tick delay 1.23", "Timer already running N tick expire ",
+                   "Timer stopped N tick, was running", "Timer stopped N tick, was not running",
+                   "Already on runQueue N tick", "Timer stopped N tick, was not running"});
+  for (int run = 0; run < 2; ++run) {
+    auto const result = Tamlo::Test::runHelper("SchedulerHelper", {"timertrace"},
+                                               {"TRACE=TaskScheduler/89"}, {"TRACEFILE"});
+    std::vector<std::string> lines;
+    for (std::string const& line : Tamlo::Test::linesOf(result.err)) {
+      size_t const at = std::min(line.find("Timer "), line.find("Already on runQueue"));
+      if (at == std::string::npos)
+        continue;
+      lines.push_back(line.substr(at));
+      // Not the absolute expiry, which differs between runs.
+      if (size_t const expire = lines.back().find("expire "); expire != std::string::npos)
+        lines.back().resize(expire + 7);
+    }
+    EXPECT_EQ(lines, expected);
+  }
+}
+
+TEST(TimerAndGroupFatalTest, BrokenChecksAbortWithTheirMessage) {
+  std::pair<char const*, char const*> const rows[] = {
+      {"jitter101", "maxJitterPercentage: e > 100"},
+      {"lowestnever", "delayIntoFuture: 9223372036854775807ns"},
+      {"lowestinfinity", "delayIntoFuture: inf"},
+      {"jitternegative", "offset( 0ns ) > delayIntoFuture( -10ns )"},
+      {"grouppriority", "taskPriority( normal ) != taskGroupPriority( high )"},
+      {"orphanparent", "TaskGroup is non-null"},
+      {"groupsuspended", "TaskGroup parentTask should be scheduled."},
+  };
+  for (auto const& [mode, message] : rows) {
+    auto const result = Tamlo::Test::runHelper("SchedulerHelper", {mode}, {},
+                                               {"TRACE", "TRACEFILE", "TRACEFORMAT"});
+    EXPECT_EQ(result.signal, SIGABRT) << mode;
+    EXPECT_THAT(result.err, ::testing::HasSubstr("TaskSchedulerCpp:"));
+    EXPECT_THAT(result.err, ::testing::HasSubstr(fmt::format("Assertion `{}' failed", message)));
+  }
+}
+
+}  // namespace
