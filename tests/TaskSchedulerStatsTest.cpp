@@ -3,11 +3,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
-#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <rapidjson/document.h>
@@ -28,10 +29,11 @@ std::string f(char const* format, Args const&... args) {
   return (boost::format(format) % ... % args).str();
 }
 
-std::vector<std::string> keysOf(Json const& object) {
-  std::vector<std::string> keys;
+// The member names of a JSON object, in order, joined by commas.
+std::string keysOf(Json const& object) {
+  std::string keys;
   for (auto const& member : object.GetObject())
-    keys.emplace_back(member.name.GetString());
+    keys += (keys.empty() ? "" : ",") + std::string(member.name.GetString());
   return keys;
 }
 
@@ -61,11 +63,10 @@ TEST(StatsText, ReportFromFixedRecordsIsExact) {
                TaskTimeDuration(2'500'000'000), 40, 5.5f, TaskMaybeU32(9), 3, TaskMaybeU32(4), 1, 2,
                TaskTimeDuration(12'345'678), TaskTimeDuration(1'500'000),
                TaskTimeDuration(4'000'000), TaskStat::TaskStatus(0x04))};
-  TaskStat gone(cache.intern("gone"), TaskKey(uint64_t{5}), TaskPriority::low, 3,
-                TaskTimeDuration(1'000'000'000), 0, 0, TaskMaybeU32(), 0, TaskMaybeU32(), 0, 0, {},
-                {}, {}, TaskStat::TaskStatus());
-  gone.taskCompletedCountIs(2);
-  std::vector<TaskStat> const completed = {gone};
+  std::vector<TaskStat> completed = {TaskStat(cache.intern("gone"), TaskKey(uint64_t{5}),
+                                              TaskPriority::low, 3, TaskTimeDuration(1'000'000'000),
+                                              0, 0, {}, 0, {}, 0, 0, {}, {}, {}, {})};
+  completed[0].taskCompletedCountIs(2);
   TaskSchedulerQueueStats queues;
   for (uint8_t p = 0; p < 5; ++p)
     queues[TaskPriority(p)] = {TaskPriority(p), p, uint64_t{p} * 2, 1, uint64_t{p} << 40};
@@ -130,6 +131,33 @@ TEST(StatsText, ReportFromFixedRecordsIsExact) {
   }
 }
 
+// The trace in short: thread names, then "X track ts+dur note" for slices and
+// "i track name" for instants, checking on the way that every event sits on
+// a named track and no slice ends before it starts.
+std::string traceSummary(std::string const& text, int64_t pid) {
+  std::map<unsigned, std::string> tracks;
+  std::string summary;
+  rapidjson::Document const doc = parse(text);
+  for (Json const& e : doc["traceEvents"].GetArray()) {
+    std::string const phase = e["ph"].GetString();
+    unsigned const tid = e["tid"].GetUint();
+    EXPECT_EQ(e["pid"].GetInt64(), pid);
+    EXPECT_TRUE(phase == "M" || tracks.count(tid) == 1) << text;
+    if (phase == "M")
+      summary += "M " + (tracks[tid] = e["args"]["name"].GetString());
+    else if (phase == "i")
+      summary += "i " + tracks[tid] + " " + e["name"].GetString();
+    else {
+      EXPECT_TRUE(e["dur"].GetDouble() >= 0 && e["name"].GetString() == tracks[tid]) << text;
+      summary += f("X %s %g+%g", tracks[tid], e["ts"].GetDouble(), e["dur"].GetDouble());
+      if (e.HasMember("args"))
+        summary += " " + std::string(e["args"].MemberBegin()->name.GetString());
+    }
+    summary += "; ";
+  }
+  return summary;
+}
+
 // A scheduler standing in for a task group: registered with the root, run by
 // a parent task in the root that reports it as its group's scheduler.
 class SubScheduler : public TaskScheduler {
@@ -164,9 +192,10 @@ class StatsTree : public testing::Test {
  protected:
   StatsTree() {
     ran_->taskWorkCountInc(3);
-    for (TaskImpl* task :
-         std::initializer_list<TaskImpl*>{ran_.get(), inGroup_.get(), parent_.get(), done_.get()})
-      task->taskRunFromTest();
+    ran_->taskRunFromTest();
+    inGroup_->taskRunFromTest();
+    parent_->taskRunFromTest();
+    done_->taskRunFromTest();
     done_.reset();
   }
 
@@ -184,12 +213,10 @@ TEST_F(StatsTree, TextReportCoversEveryRegisteredSchedulerToEachDestination) {
   EXPECT_EQ(
       renderedTo([&](int fd) { root_->statsRenderTextForDebug(fd, false, false, true, false); }),
       text);
-  std::set<std::string> names;
-  for (std::string const& line : linesOf(text))
-    names.insert(line.substr(0, line.find(' ')));
-  for (char const* name : {"ran", "inGroup", "TaskGroup;group", "done", "Skipped"})
-    EXPECT_EQ(names.count(name), 1u) << name << "\n" << text;
-  EXPECT_EQ(names.count("idle"), 0u);
+  std::string firstWords;
+  for (std::string const& line : linesOf(text.substr(text.find("\nTaskName") + 1)))
+    firstWords += line.substr(0, line.find(' ')) + ",";
+  EXPECT_EQ(firstWords, "TaskName,ran,TaskGroup;group,inGroup,Skipped,TaskName,done,") << text;
   EXPECT_NE(text.find("Skipped 1 task with no runs\n"), std::string::npos);
   // includeAll lists the idle task and skips nothing.
   std::string const all = root_->statsRenderTextForDebugToString(true, false, false, false);
@@ -198,97 +225,74 @@ TEST_F(StatsTree, TextReportCoversEveryRegisteredSchedulerToEachDestination) {
 }
 
 TEST_F(StatsTree, JsonNestsGroupsAndWritesEachMemberUnderItsCondition) {
-  std::string const text = root_->snapshot("named", false, true, true, 7).renderJsonToString();
-  rapidjson::Document const doc = parse(text);
-  EXPECT_EQ(keysOf(doc), (std::vector<std::string>{
-                             "schedulerName", "displayOrder", "isRootScheduler", "priorityStats",
-                             "maxSchedulerSlip", "tasks", "completedTasks", "subSchedulers",
-                             "historyEntryCount", "history"}));
+  rapidjson::Document const doc =
+      parse(root_->snapshot("named", false, true, true, 7).renderJsonToString());
+  EXPECT_EQ(keysOf(doc),
+            "schedulerName,displayOrder,isRootScheduler,priorityStats,maxSchedulerSlip,tasks,"
+            "completedTasks,subSchedulers,historyEntryCount,history");
   EXPECT_STREQ(doc["schedulerName"].GetString(), "named");
-  EXPECT_EQ(doc["displayOrder"].GetUint(), 7u);
-  EXPECT_TRUE(doc["isRootScheduler"].GetBool());
-  EXPECT_TRUE(doc["maxSchedulerSlip"].IsDouble());
-  EXPECT_EQ(keysOf(doc["priorityStats"]),
-            (std::vector<std::string>{"absolute", "high", "normal", "low", "scavenge"}));
-  EXPECT_EQ(
-      keysOf(doc["priorityStats"]["low"]),
-      (std::vector<std::string>{"runnableTasks", "idleTasks", "completedTasks", "totalRunCount"}));
-  EXPECT_EQ(doc["priorityStats"]["low"]["completedTasks"].GetUint64(), 1u);
+  EXPECT_TRUE(doc["isRootScheduler"].GetBool() && doc["maxSchedulerSlip"].IsDouble());
+  EXPECT_EQ(keysOf(doc["priorityStats"]), "absolute,high,normal,low,scavenge");
+  EXPECT_EQ(keysOf(doc["priorityStats"]["low"]),
+            "runnableTasks,idleTasks,completedTasks,totalRunCount");
 
-  std::vector<std::string> const common = {"onRunQueue",
-                                           "currentlyRunning",
-                                           "suspended",
-                                           "hasTimer",
-                                           "timerRunning",
-                                           "runCount",
-                                           "totalRunTime",
-                                           "lastSchedulingLatency",
-                                           "schedulingLatencyHighWaterMark",
-                                           "qv200",
-                                           "qv500",
-                                           "maxMs"};
-  std::map<std::string, Json const*> tasks;
-  for (Json const& task : doc["tasks"]["tasks"].GetArray())
-    tasks[task["name"].GetString()] = &task;
-  EXPECT_EQ(doc["tasks"]["skipped"].GetUint(), 1u);  // idle
-  ASSERT_EQ(tasks.size(), 2u);
-  std::vector<std::string> plain = {"name", "address", "priority"};
-  plain.insert(plain.end(), common.begin(), common.end());
-  EXPECT_EQ(keysOf(*tasks["TaskGroup;group"]).size(), plain.size() + 1);
-  EXPECT_EQ(keysOf(*tasks["TaskGroup;group"])[3], "subScheduler");
-  std::vector<std::string> withWork = plain;
-  withWork.insert(withWork.end(), {"workCount", "workPending"});
-  EXPECT_EQ(keysOf(*tasks["ran"]), withWork);
-  EXPECT_EQ(keysOf((*tasks["ran"])["workCount"]),
-            (std::vector<std::string>{"total", "decayingAvg", "highwater"}));
-  EXPECT_EQ((*tasks["ran"])["workPending"]["highwater"].GetUint(), 0u);
-  EXPECT_TRUE((*tasks["ran"])["totalRunTime"].IsDouble());
-
+  // Live tasks by run time; the idle one is counted as skipped.
+  Json const& tasks = doc["tasks"]["tasks"];
+  ASSERT_EQ(tasks.Size(), 2u);
+  EXPECT_EQ(doc["tasks"]["skipped"].GetUint(), 1u);
+  Json const& ran = std::string(tasks[0]["name"].GetString()) == "ran" ? tasks[0] : tasks[1];
+  Json const& parent = &ran == &tasks[0] ? tasks[1] : tasks[0];
+  std::string const status =
+      "onRunQueue,currentlyRunning,suspended,hasTimer,timerRunning,runCount,totalRunTime,"
+      "lastSchedulingLatency,schedulingLatencyHighWaterMark,qv200,qv500,maxMs";
+  EXPECT_EQ(keysOf(ran), "name,address,priority," + status + ",workCount,workPending");
+  EXPECT_EQ(keysOf(ran["workCount"]), "total,decayingAvg,highwater");
+  EXPECT_TRUE(ran["workPending"]["highwater"].GetUint() == 0 && ran["totalRunTime"].IsDouble());
+  EXPECT_EQ(keysOf(parent), "name,address,priority,subScheduler," + status);
   Json const& gone = doc["completedTasks"]["tasks"][0];
-  std::vector<std::string> completedKeys = {"name", "priority"};
-  completedKeys.insert(completedKeys.end(), common.begin(), common.end());
-  completedKeys.push_back("completedCount");
-  EXPECT_EQ(keysOf(gone), completedKeys);
+  EXPECT_EQ(keysOf(gone), "name,priority," + status + ",completedCount");
   EXPECT_EQ(gone["completedCount"].GetUint64(), 1u);
 
-  std::string const key = (*tasks["TaskGroup;group"])["subScheduler"].GetString();
+  std::string const key = parent["subScheduler"].GetString();
   EXPECT_EQ(key, TaskSchedulerSnapshot::subSchedulerKey(*group_));
-  ASSERT_TRUE(doc["subSchedulers"].HasMember(key.c_str()));
+  EXPECT_EQ(keysOf(doc["subSchedulers"]), key);
   Json const& sub = doc["subSchedulers"][key.c_str()];
   EXPECT_EQ(keysOf(sub),
-            (std::vector<std::string>{"schedulerName", "isRootScheduler", "priorityStats",
-                                      "maxSchedulerSlip", "tasks", "subSchedulers"}));
+            "schedulerName,isRootScheduler,priorityStats,maxSchedulerSlip,tasks,subSchedulers");
   EXPECT_FALSE(sub["isRootScheduler"].GetBool());
   EXPECT_STREQ(sub["tasks"]["tasks"][0]["name"].GetString(), "inGroup");
 
+  // The same history as a trace: named after the root, and to a descriptor.
+  std::string const trace = root_->historyRenderTraceEventsToString();
+  EXPECT_EQ(renderedTo([&](int fd) { EXPECT_TRUE(root_->historyRenderTraceEvents(fd)); }), trace);
+  EXPECT_EQ(traceSummary(trace, ::getpid()).substr(0, 30), "M stats; M H ran; M L idle; M ");
+
   // History: oldest first, numbered among every event the root recorded.
   Json const& history = doc["history"];
-  ASSERT_GT(history.Size(), 0u);
   EXPECT_EQ(doc["historyEntryCount"].GetUint(), root_->historyEntryCount());
+  EXPECT_EQ(keysOf(history[0]), "eventId,nsSinceBoot,eventType,name");
   EXPECT_EQ(history[history.Size() - 1]["eventId"].GetUint64(),
             root_->history()->eventsRecorded() - 1);
   for (rapidjson::SizeType i = 1; i < history.Size(); ++i)
     EXPECT_EQ(history[i]["eventId"].GetUint64(), history[i - 1]["eventId"].GetUint64() + 1);
-  EXPECT_EQ(keysOf(history[0]),
-            (std::vector<std::string>{"eventId", "nsSinceBoot", "eventType", "name"}));
 
-  // Without completed tables or history those members are absent.
   std::ostringstream os;
   root_->statsRenderJson(os, false, false, false);
   EXPECT_EQ(keysOf(parse(os.str())),
-            (std::vector<std::string>{"schedulerName", "isRootScheduler", "priorityStats",
-                                      "maxSchedulerSlip", "tasks", "subSchedulers"}));
+            "schedulerName,isRootScheduler,priorityStats,maxSchedulerSlip,tasks,subSchedulers");
 }
 
-struct TraceSlice {
-  std::string track;
-  double ts;
-  double dur;
-  std::string note;
-  bool operator==(TraceSlice const&) const = default;
-};
+TEST_F(StatsTree, ReportsRefuseOtherThreads) {
+  std::string text, json;
+  std::thread([&] {
+    text = assertionText([&] { root_->statsRenderTextForDebugToString(true, true, true, true); });
+    json = assertionText([&] { root_->statsRenderJsonToString(true, true, true); });
+  }).join();
+  EXPECT_THAT(text + json, testing::ContainsRegex("wrong thread.*wrong thread"));
+}
 
 TEST(TraceEvents, RunsBecomeSlicesOnTheirTracksAndLostEndsAreClipped) {
+  using enum EventType;
   struct Event {
     EventType type;
     char const* name;
@@ -297,30 +301,23 @@ TEST(TraceEvents, RunsBecomeSlicesOnTheirTracksAndLostEndsAreClipped) {
   struct Case {
     unsigned capacity;
     std::vector<Event> events;
-    std::vector<TraceSlice> slices;
-    std::vector<std::string> tracks;
-    std::vector<std::string> instants;
+    char const* summary;
   } const cases[] = {
+      // The scheduler named like a task has a track of its own.
       {10,
-       {{EventType::runStart, "N x", 1000},
-        {EventType::schedule, "H y", 1500},
-        {EventType::runEnd, "N x", 3000},
-        {EventType::schedulerIdle, "N x", 4000}},
-       {{"N x", 1.0, 2.0, ""}},
-       {"N x", "H y", "N x"},
-       {"H y:schedule", "N x:schedulerIdle"}},
-      {2,  // the ring dropped the run's start
-       {{EventType::runStart, "N x", 1000},
-        {EventType::schedule, "H y", 2000},
-        {EventType::runEnd, "N x", 3500}},
-       {{"N x", 2.0, 1.5, "startNotRecorded"}},
-       {"H y", "N x"},
-       {"H y:schedule"}},
-      {10,  // still running at the newest event
-       {{EventType::runStart, "N x", 1000}, {EventType::schedule, "H y", 4000}},
-       {{"N x", 1.0, 3.0, "endNotRecorded"}},
-       {"N x", "H y"},
-       {"H y:schedule"}},
+       {{runStart, "N x", 1000},
+        {schedule, "H y", 1500},
+        {runEnd, "N x", 3000},
+        {schedulerIdle, "N x", 4000}},
+       "M proc; M N x; M H y; M N x; i H y schedule; X N x 1+2; i N x schedulerIdle; "},
+      // The ring dropped the run's start: it starts at the oldest event kept.
+      {2,
+       {{runStart, "N x", 1000}, {schedule, "H y", 2000}, {runEnd, "N x", 3500}},
+       "M proc; M H y; M N x; i H y schedule; X N x 2+1.5 startNotRecorded; "},
+      // Still running at the newest event, where it ends.
+      {10,
+       {{runStart, "N x", 1000}, {schedule, "H y", 4000}},
+       "M proc; M N x; M H y; i H y schedule; X N x 1+3 endNotRecorded; "},
   };
   for (Case const& c : cases) {
     TaskSchedulerHistory history(c.capacity);
@@ -333,51 +330,9 @@ TEST(TraceEvents, RunsBecomeSlicesOnTheirTracksAndLostEndsAreClipped) {
         history.insertTaskEvent(at, e.type, name);
     }
     std::string const text = history.renderTraceEventsToString("proc", 42);
+    EXPECT_EQ(traceSummary(text, 42), c.summary) << text;
     EXPECT_EQ(renderedTo([&](int fd) { history.renderTraceEvents(fd, "proc", 42); }), text);
-    rapidjson::Document const doc = parse(text);
-    std::map<unsigned, std::string> trackNames;
-    std::vector<std::string> tracks;
-    std::vector<TraceSlice> slices;
-    std::vector<std::string> instants;
-    for (Json const& e : doc["traceEvents"].GetArray()) {
-      EXPECT_EQ(e["pid"].GetInt64(), 42);
-      std::string const phase = e["ph"].GetString();
-      if (phase == "M") {
-        std::string const name = e["args"]["name"].GetString();
-        if (std::string(e["name"].GetString()) == "thread_name") {
-          trackNames[e["tid"].GetUint()] = name;
-          tracks.push_back(name);
-        } else {
-          EXPECT_EQ(name, "proc");
-        }
-        continue;
-      }
-      ASSERT_EQ(trackNames.count(e["tid"].GetUint()), 1u) << text;
-      std::string const track = trackNames[e["tid"].GetUint()];
-      if (phase == "X") {
-        EXPECT_GE(e["dur"].GetDouble(), 0) << text;
-        EXPECT_EQ(e["name"].GetString(), track);
-        std::string const note =
-            e.HasMember("args") ? e["args"].MemberBegin()->name.GetString() : "";
-        slices.push_back({track, e["ts"].GetDouble(), e["dur"].GetDouble(), note});
-      } else {
-        EXPECT_EQ(phase, "i");
-        instants.push_back(track + ":" + e["name"].GetString());
-      }
-    }
-    EXPECT_EQ(slices, c.slices) << text;
-    EXPECT_EQ(tracks, c.tracks) << text;
-    EXPECT_EQ(instants, c.instants) << text;
   }
-}
-
-TEST_F(StatsTree, RootTraceNamesTheRootAndReachesADescriptor) {
-  std::string const text = root_->historyRenderTraceEventsToString();
-  EXPECT_EQ(renderedTo([&](int fd) { EXPECT_TRUE(root_->historyRenderTraceEvents(fd)); }), text);
-  rapidjson::Document const doc = parse(text);
-  Json const& first = doc["traceEvents"][0];
-  EXPECT_STREQ(first["args"]["name"].GetString(), "stats");
-  EXPECT_EQ(first["pid"].GetInt64(), ::getpid());
 }
 
 }  // namespace
