@@ -128,9 +128,9 @@ class TaskSchedulerHistory {
   // when the text could not be written whole.
   bool renderTextForDebug(int fd) const;
 
-  // Events recorded since construction, counting those the ring has dropped:
-  // event(i) is the (eventsRecorded() - i)-th event, which numbers events
-  // across renderings.
+  // Events recorded since construction, counting those the ring has dropped.
+  // event(i) was number eventsRecorded() - 1 - i, counting from 0: a number
+  // that stays with the event across renderings.
   uint64_t eventsRecorded() const { return eventsRecorded_; }
 
   // ---- Trace Event Format (TaskSchedulerTraceEvents.cpp) ----
