@@ -32,6 +32,7 @@
 #include <Tamlo/TaskPriority.h>
 #include <Tamlo/TaskScheduler.h>
 #include <Tamlo/TaskSchedulerHistory.h>
+#include <Tamlo/TaskSchedulerSnapshot.h>
 #include <Tamlo/TaskStat.h>
 #include <Tamlo/TaskTime.h>
 #include <Tamlo/Terminate.h>

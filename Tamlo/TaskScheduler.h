@@ -30,6 +30,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include <Tamlo/ConstStringCache.h>
 #include <Tamlo/IntrusiveBookmarkLinkedList.h>
@@ -53,6 +54,7 @@ class TaskGroup;
 class TaskImpl;
 class TaskScheduler;
 class TaskSchedulerRoot;
+class TaskSchedulerSnapshot;
 class TimerWheel;
 
 namespace Impl {
@@ -174,6 +176,11 @@ class TaskImpl : public _TaskBase {
   virtual void taskExecute() = 0;
   // The group whose parent task this is; null for every other task.
   virtual TaskGroup* isTaskGroup() const { return nullptr; }
+  // The group's own scheduler, for a group's parent task; null for every
+  // other task. The parent task overrides this beside isTaskGroup() (with its
+  // group, upcast), because TaskGroup is incomplete here; the reports nest a
+  // group's statistics under its parent task through it.
+  virtual TaskScheduler* taskGroupScheduler() const { return nullptr; }
 
   void unscheduleTask();
   // A snapshot of the counters under the task name; completed count 0.
@@ -474,6 +481,25 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   // statistics reset.
   TaskTimeDuration schedulerLatencyHighWaterMark() const { return schedulerLatencyHighWaterMark_; }
 
+  // ---- Reports (TaskSchedulerStats.cpp, TaskSchedulerSnapshot.cpp) ----
+  // Append the records of the registered tasks, or of the completed-task
+  // statistics, that have run at least once (all with includeAll); return
+  // how many were left out.
+  uint32_t getTaskStats(std::vector<TaskStat>* stats, bool includeAll) const;
+  uint32_t getCompletedTaskStats(std::vector<TaskStat>* stats, bool includeAll) const;
+  // A copy of this scheduler's statistics and, nested, of its task groups'
+  // (TaskSchedulerSnapshot.h). `name` replaces the scheduler's name unless
+  // empty; includeCompleted adds the completed-task tables, includeHistory
+  // the root's history; displayOrder is TaskSchedulerSnapshot::noDisplayOrder
+  // for none. Checks the thread.
+  TaskSchedulerSnapshot snapshot(std::string const& name, bool includeAll, bool includeCompleted,
+                                 bool includeHistory, unsigned displayOrder) const;
+  // snapshot("", ...) rendered as one JSON object.
+  void statsRenderJson(std::ostream& os, bool includeAll, bool includeCompleted,
+                       bool includeHistory) const;
+  std::string statsRenderJsonToString(bool includeAll, bool includeCompleted,
+                                      bool includeHistory) const;
+
  protected:
   // Turn bookkeeping: the run starts now; the delay since the last request is
   // its latency.
@@ -608,6 +634,43 @@ class TaskSchedulerRoot : public TaskScheduler, private Platform::CallbackHandle
   void historyRenderTextForDebugStdErr() const { history()->renderTextForDebugStdErr(); }
   // Leaves `fd` open.
   void historyRenderTextForDebug(int fd) const { history()->renderTextForDebug(fd); }
+
+  // ---- Reports (TaskSchedulerStats.cpp, TaskSchedulerTraceEvents.cpp) ----
+  // The text report of the whole tree: run-queue counts per priority, the
+  // largest slip, a legend, the live tasks of every registered scheduler
+  // (those that never ran only with includeAll; keys after the names with
+  // showKeys) and, with includeCompleted, the completed-task statistics.
+  // `reserved` does not change the text. Checks the thread.
+  void statsRenderTextForDebug(std::ostream& os, bool includeAll, bool showKeys,
+                               bool includeCompleted, bool reserved) const;
+  // Leaves `fd` open.
+  void statsRenderTextForDebug(int fd, bool includeAll, bool showKeys, bool includeCompleted,
+                               bool reserved) const;
+  std::string statsRenderTextForDebugToString(bool includeAll, bool showKeys, bool includeCompleted,
+                                              bool reserved) const;
+  // Everything: all tasks, keys, completed tasks.
+  void statsRenderTextForDebugStdErr() const;
+  // The report from collected data; a null `completed` leaves out the
+  // completed-task table (and its legend line).
+  static void statsRenderTextImpl(std::ostream& os, TaskSchedulerQueueStats const& queues,
+                                  TaskTimeDuration maxSlip, std::vector<TaskStat> const* tasks,
+                                  unsigned skipped, std::vector<TaskStat> const* completed,
+                                  unsigned completedSkipped, bool showKeys);
+  // One task table, by total run time, largest first.
+  static void statsRenderTextTasks(std::ostream& os, std::vector<TaskStat> const& stats,
+                                   std::string const& title, unsigned skipped, bool completedTable,
+                                   bool showKeys);
+  // The history as a trace for trace viewers (TaskSchedulerHistory.h).
+  void historyRenderTraceEvents(std::ostream& os) const {
+    history()->renderTraceEvents(os, schedulerName(), pid_);
+  }
+  std::string historyRenderTraceEventsToString() const {
+    return history()->renderTraceEventsToString(schedulerName(), pid_);
+  }
+  // Leaves `fd` open; false when the trace could not be written whole.
+  bool historyRenderTraceEvents(int fd) const {
+    return history()->renderTraceEvents(fd, schedulerName(), pid_);
+  }
 
  private:
   void callback() override;

@@ -79,6 +79,7 @@ void TaskSchedulerHistory::insert(TaskTimePoint now, EventType type, ConstString
   // A full ring reuses its oldest slot: the event is moved into place and the
   // name it displaces is released, so nothing is allocated here.
   events_.push_front(Event(type, now, name));
+  ++eventsRecorded_;
 }
 
 void TaskSchedulerHistory::entryCountIs(unsigned int entries) {

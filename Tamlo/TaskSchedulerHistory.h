@@ -128,6 +128,24 @@ class TaskSchedulerHistory {
   // when the text could not be written whole.
   bool renderTextForDebug(int fd) const;
 
+  // Events recorded since construction, counting those the ring has dropped.
+  // event(i) was number eventsRecorded() - 1 - i, counting from 0: a number
+  // that stays with the event across renderings.
+  uint64_t eventsRecorded() const { return eventsRecorded_; }
+
+  // ---- Trace Event Format (TaskSchedulerTraceEvents.cpp) ----
+  // The events as the JSON trace that Perfetto and chrome://tracing open:
+  // process `pid` named `processName`, one track (tid) per task display name
+  // and per scheduler name, numbered from 1 by first appearance; each run a
+  // complete slice from "run start" to "run end", every other event an
+  // instant on its track; times in microseconds of the steady clock. A run
+  // whose start the ring has dropped starts at the oldest event, one still
+  // open ends at the newest; both carry an argument saying so.
+  void renderTraceEvents(std::ostream& os, std::string_view processName, int64_t pid) const;
+  std::string renderTraceEventsToString(std::string_view processName, int64_t pid) const;
+  // Leaves `fd` open; false when the trace could not be written whole.
+  bool renderTraceEvents(int fd, std::string_view processName, int64_t pid) const;
+
  private:
   void insert(TaskTimePoint now, EventType type, ConstStringRef const& name);
 
@@ -135,6 +153,7 @@ class TaskSchedulerHistory {
   // Newest at the front. Declared after the cache so that its names are
   // released before the cache goes.
   boost::circular_buffer<Event> events_;
+  uint64_t eventsRecorded_ = 0;
 };
 
 }  // namespace Tamlo

@@ -3,6 +3,8 @@ find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(fmt REQUIRED)
 find_package(Boost REQUIRED COMPONENTS iostreams system)
+# Header-only; the scheduler's JSON renderings write through its writer.
+find_package(RapidJSON REQUIRED CONFIG)
 pkg_check_modules(Libevent REQUIRED IMPORTED_TARGET libevent_core libevent_pthreads)
 pkg_check_modules(Libunwind REQUIRED IMPORTED_TARGET libunwind)
 

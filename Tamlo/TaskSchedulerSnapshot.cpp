@@ -1,0 +1,255 @@
+#include <Tamlo/TaskSchedulerSnapshot.h>
+
+#include <algorithm>
+#include <ostream>
+#include <string_view>
+
+#include <Tamlo/TaskSchedulerPrintContext.h>
+
+namespace Tamlo {
+
+namespace {
+
+double seconds(TaskTimeDuration duration) {
+  return static_cast<double>(duration.count()) / 1e9;
+}
+
+void writeKey(TaskSchedulerPrintContext::Writer& writer, std::string_view key) {
+  writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+}
+
+void writeString(TaskSchedulerPrintContext::Writer& writer, std::string_view text) {
+  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+}  // namespace
+
+TaskSchedulerSnapshot::TaskSchedulerSnapshot(TaskScheduler const& scheduler,
+                                             std::string const& name, bool includeAll,
+                                             bool includeCompleted, bool includeHistory,
+                                             uint32_t displayOrder)
+    : history_(scheduler.history()),
+      schedulerName_(name.empty() ? scheduler.schedulerName() : name),
+      key_(subSchedulerKey(scheduler)),
+      displayOrder_(displayOrder),
+      isRootScheduler_(&scheduler == scheduler.root()),
+      queueStats_(scheduler.queueStats()),
+      maxSchedulerSlip_(scheduler.schedulerLatencyHighWaterMark()) {
+  skipped_ = scheduler.getTaskStats(&tasks_, includeAll);
+  if (includeCompleted)
+    completedSkipped_ = scheduler.getCompletedTaskStats(&completedTasks_, includeAll);
+  for (TaskImpl const& task : scheduler.registeredTasks()) {
+    TaskScheduler const* const group = task.taskGroupScheduler();
+    if (group == nullptr)
+      continue;
+    subSchedulerKeys_.emplace(TaskKey(&task), subSchedulerKey(*group));
+    subSchedulers_.emplace_back(*group, std::string(), includeAll, includeCompleted, false,
+                                noDisplayOrder);
+  }
+  if (includeHistory) {
+    includesHistory_ = true;
+    historyEntryCount_ = history_->entryCount();
+    size_t const count = history_->eventCount();
+    historyEvents_.reserve(count);
+    for (size_t i = count; i-- > 0;) {
+      TaskSchedulerHistory::Event const& event = history_->event(i);
+      historyEvents_.push_back(
+          {history_->eventsRecorded() - 1 - i, event.eventType(), event.time(), event.name()});
+    }
+  }
+}
+
+std::string TaskSchedulerSnapshot::subSchedulerKey(TaskScheduler const& scheduler) {
+  return scheduler.schedulerName() + TaskKey(&scheduler).toStrep();
+}
+
+void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const {
+  context.writer().StartObject();
+  renderJsonImpl(context);
+  context.writer().EndObject();
+}
+
+void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) const {
+  auto& writer = context.writer();
+  writer.Key("schedulerName");
+  writeString(writer, schedulerName_);
+  if (displayOrder_ != noDisplayOrder) {
+    writer.Key("displayOrder");
+    writer.Uint(displayOrder_);
+  }
+  writer.Key("isRootScheduler");
+  writer.Bool(isRootScheduler_);
+
+  writer.Key("priorityStats");
+  writer.StartObject();
+  for (auto const& [priority, counts] : queueStats_) {
+    writeKey(writer, priority.toStrep());
+    writer.StartObject();
+    writer.Key("runnableTasks");
+    writer.Uint(counts.runnableTasks);
+    writer.Key("idleTasks");
+    writer.Uint64(counts.idleTasks);
+    writer.Key("completedTasks");
+    writer.Uint64(counts.completedTasks);
+    writer.Key("totalRunCount");
+    writer.Uint64(counts.totalRunCount);
+    writer.EndObject();
+  }
+  writer.EndObject();
+
+  writer.Key("maxSchedulerSlip");
+  writer.Double(seconds(maxSchedulerSlip_));
+  renderJsonTasks(context, tasks_, "tasks", skipped_, false);
+  if (!completedTasks_.empty())
+    renderJsonTasks(context, completedTasks_, "completedTasks", completedSkipped_, true);
+
+  writer.Key("subSchedulers");
+  writer.StartObject();
+  for (TaskSchedulerSnapshot const& sub : subSchedulers_) {
+    writeKey(writer, sub.key_);
+    sub.renderJson(context);
+  }
+  writer.EndObject();
+  renderJsonHistory(context);
+}
+
+void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
+                                            std::vector<TaskStat> const& stats, char const* key,
+                                            uint32_t skipped, bool completedTable) const {
+  std::vector<TaskStat const*> sorted;
+  sorted.reserve(stats.size());
+  for (TaskStat const& stat : stats)
+    sorted.push_back(&stat);
+  std::stable_sort(sorted.begin(), sorted.end(), [](TaskStat const* a, TaskStat const* b) {
+    return a->taskTotalRunTime() > b->taskTotalRunTime();
+  });
+
+  auto& writer = context.writer();
+  writer.Key(key);
+  writer.StartObject();
+  writer.Key("tasks");
+  writer.StartArray();
+  for (TaskStat const* stat : sorted) {
+    TaskStat::TaskStatus const status = stat->taskStatus();
+    writer.StartObject();
+    writer.Key("name");
+    writeString(writer, stat->taskName());
+    if (!completedTable) {
+      writer.Key("address");
+      writeString(writer, stat->taskKey().toStrep());
+    }
+    writer.Key("priority");
+    writeString(writer, stat->taskPriority().toStrep());
+    if (status.taskIsTaskGroup()) {
+      // A completed parent task's group is gone; only live ones have a key.
+      auto const sub = subSchedulerKeys_.find(stat->taskKey());
+      if (!completedTable && sub != subSchedulerKeys_.end()) {
+        writer.Key("subScheduler");
+        writeString(writer, sub->second);
+      }
+    }
+    writer.Key("onRunQueue");
+    writer.Bool(status.taskOnRunQueue());
+    writer.Key("currentlyRunning");
+    writer.Bool(status.taskCurrentlyRunning());
+    writer.Key("suspended");
+    writer.Bool(status.taskSuspended());
+    writer.Key("hasTimer");
+    writer.Bool(status.taskTimer());
+    writer.Key("timerRunning");
+    writer.Bool(status.taskTimerRunning());
+    writer.Key("runCount");
+    writer.Uint64(stat->taskRunCount());
+    writer.Key("totalRunTime");
+    writer.Double(seconds(stat->taskTotalRunTime()));
+    writer.Key("lastSchedulingLatency");
+    writer.Double(seconds(stat->taskLastSchedulingLatency()));
+    writer.Key("schedulingLatencyHighWaterMark");
+    writer.Double(seconds(stat->taskSchedulingLatencyHighWaterMark()));
+    writer.Key("qv200");
+    writer.Uint(stat->taskQuantumViolation200());
+    writer.Key("qv500");
+    writer.Uint(stat->taskQuantumViolation500());
+    writer.Key("maxMs");
+    // Truncated to whole milliseconds, as in the text report.
+    writer.Uint64(static_cast<uint64_t>(stat->taskRunTimeHighWaterMark().count() / 1'000'000));
+    if (completedTable) {
+      writer.Key("completedCount");
+      writer.Uint64(stat->taskCompletedCount());
+    }
+    if (stat->taskWorkCountHighWaterMark().hasValue()) {
+      writer.Key("workCount");
+      writer.StartObject();
+      writer.Key("total");
+      writer.Uint64(stat->taskWorkCountTotal());
+      writer.Key("decayingAvg");
+      writer.Double(stat->taskWorkCountDecayingAvg());
+      writer.Key("highwater");
+      writer.Uint(stat->taskWorkCountHighWaterMark().raw());
+      writer.EndObject();
+      writer.Key("workPending");
+      writer.StartObject();
+      writer.Key("pending");
+      writer.Uint(stat->taskWorkPending());
+      writer.Key("highwater");
+      writer.Uint(stat->taskWorkPendingHighWaterMark().valueOr(0));
+      writer.EndObject();
+    }
+    writer.EndObject();
+  }
+  writer.EndArray();
+  writer.Key("skipped");
+  writer.Uint(skipped);
+  writer.EndObject();
+}
+
+void TaskSchedulerSnapshot::renderJsonHistory(TaskSchedulerPrintContext& context) const {
+  if (!includesHistory_)
+    return;
+  auto& writer = context.writer();
+  writer.Key("historyEntryCount");
+  writer.Uint(historyEntryCount_);
+  writer.Key("history");
+  writer.StartArray();
+  for (HistoryEvent const& event : historyEvents_) {
+    writer.StartObject();
+    writer.Key("eventId");
+    writer.Uint64(event.eventId);
+    writer.Key("nsSinceBoot");
+    writer.Int64(event.time.time_since_epoch().count());
+    writer.Key("eventType");
+    writeString(writer, TaskSchedulerHistory::eventTypeDisplay(event.eventType));
+    writer.Key("name");
+    writeString(writer, event.name.text());
+    writer.EndObject();
+  }
+  writer.EndArray();
+}
+
+std::string TaskSchedulerSnapshot::renderJsonToString() const {
+  TaskSchedulerPrintContext context;
+  renderJson(context);
+  return context.takeText();
+}
+
+TaskSchedulerSnapshot TaskScheduler::snapshot(std::string const& name, bool includeAll,
+                                              bool includeCompleted, bool includeHistory,
+                                              unsigned displayOrder) const {
+  root_->sanityCheckCurrentRunningThread();
+  return TaskSchedulerSnapshot(*this, name, includeAll, includeCompleted, includeHistory,
+                               displayOrder);
+}
+
+void TaskScheduler::statsRenderJson(std::ostream& os, bool includeAll, bool includeCompleted,
+                                    bool includeHistory) const {
+  os << statsRenderJsonToString(includeAll, includeCompleted, includeHistory);
+}
+
+std::string TaskScheduler::statsRenderJsonToString(bool includeAll, bool includeCompleted,
+                                                   bool includeHistory) const {
+  return snapshot(std::string(), includeAll, includeCompleted, includeHistory,
+                  TaskSchedulerSnapshot::noDisplayOrder)
+      .renderJsonToString();
+}
+
+}  // namespace Tamlo

@@ -1,0 +1,339 @@
+// The reports of a scheduler tree: the exact text report, the JSON snapshot's
+// shape, and the history as a Trace Event Format trace.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <rapidjson/document.h>
+#include <boost/format.hpp>
+
+#include "SchedulerTestSupport.h"
+#include "Tamlo/TaskSchedulerSnapshot.h"
+#include "TestSupport.h"
+
+namespace Tamlo::Test {
+namespace {
+
+using EventType = TaskSchedulerHistory::EventType;
+using Json = rapidjson::Value;
+
+template <typename... Args>
+std::string f(char const* format, Args const&... args) {
+  return (boost::format(format) % ... % args).str();
+}
+
+// The member names of a JSON object, in order, joined by commas.
+std::string keysOf(Json const& object) {
+  std::string keys;
+  for (auto const& member : object.GetObject())
+    keys += (keys.empty() ? "" : ",") + std::string(member.name.GetString());
+  return keys;
+}
+
+rapidjson::Document parse(std::string const& text) {
+  rapidjson::Document document;
+  document.Parse(text.c_str());
+  EXPECT_FALSE(document.HasParseError()) << text;
+  return document;
+}
+
+std::string renderedTo(auto render) {
+  int const fd = ::memfd_create("report", MFD_CLOEXEC);
+  render(fd);
+  std::string text(size_t(::lseek(fd, 0, SEEK_CUR)), '\0');
+  EXPECT_EQ(::pread(fd, text.data(), text.size(), 0), ssize_t(text.size()));
+  ::close(fd);
+  return text;
+}
+
+TEST(StatsText, ReportFromFixedRecordsIsExact) {
+  ConstStringCache cache;
+  std::vector<TaskStat> const tasks = {
+      TaskStat(cache.intern("w"), TaskKey(uint64_t{2}), TaskPriority::high, 1,
+               TaskTimeDuration(250'000'000), 0, 0, TaskMaybeU32(), 0, TaskMaybeU32(), 0, 0,
+               TaskTimeDuration(999'999), {}, {}, TaskStat::TaskStatus(0x10)),
+      TaskStat(cache.intern("reader"), TaskKey(uint64_t{11}), TaskPriority::normal, 7,
+               TaskTimeDuration(2'500'000'000), 40, 5.5f, TaskMaybeU32(9), 3, TaskMaybeU32(4), 1, 2,
+               TaskTimeDuration(12'345'678), TaskTimeDuration(1'500'000),
+               TaskTimeDuration(4'000'000), TaskStat::TaskStatus(0x04))};
+  std::vector<TaskStat> completed = {TaskStat(cache.intern("gone"), TaskKey(uint64_t{5}),
+                                              TaskPriority::low, 3, TaskTimeDuration(1'000'000'000),
+                                              0, 0, {}, 0, {}, 0, 0, {}, {}, {}, {})};
+  completed[0].taskCompletedCountIs(2);
+  TaskSchedulerQueueStats queues;
+  for (uint8_t p = 0; p < 5; ++p)
+    queues[TaskPriority(p)] = {TaskPriority(p), p, uint64_t{p} * 2, 1, uint64_t{p} << 40};
+
+  struct Case {
+    bool withCompleted;
+    unsigned skipped;
+    char const* skippedLine;
+  } const cases[] = {{false, 0, ""},
+                     {true, 1, "Skipped 1 task with no runs\n"},
+                     {true, 2, "Skipped 2 tasks with no runs\n"}};
+  for (Case const& c : cases) {
+    std::string expected = f("%-8s %13s %13s %9s %15s\n", "Priority", "RunnableCount", "IdleCount",
+                             "DoneCount", "TotalRunCount");
+    for (auto const& [priority, s] : queues)
+      expected += f("%-8s %13u %13u %9u %15lu\n", priority.toStrep(), s.runnableTasks, s.idleTasks,
+                    s.completedTasks, s.totalRunCount);
+    expected += "Maximum scheduler slip 0.001500 seconds\n\n";
+    std::vector<std::pair<char const*, char const*>> legend = {
+        {"SP", "= Task status and priority % two characters:"},
+        {"   first", "  T/t for active/idle timers, * for running task or blank"},
+        {"   second", "  priority and runnable status, upper case for runnable"},
+        {"RunCount", "= Number of times task has run"},
+        {"TotalSec", "= Total run time in seconds"},
+        {"LastDelay", "= Scheduling delay last time task ran, in seconds"},
+        {"MaxDelay", "= Maximum scheduling delay encountered, in seconds"},
+        {"200% 500%", "= Number of times task used this percentage of quantum"},
+        {"MaxMs", "= Maximum single run time in milliseconds"},
+        {"TotalWorkCount", "= Counter of total work units processed"},
+        {"DecayAvgWorkCount", "=    exponential decaying average of work units processed"},
+        {"MaxWorkCount", "=    high watermark of work units processed in one run"},
+        {"LastWorkPending", "= Work units pending processing"},
+        {"MaxWorkPending", "=    high watermark of work units pending processing"}};
+    if (c.withCompleted)
+      legend.insert(legend.begin() + 9,
+                    {"Completed", "= Number of times a task with this name has completed"});
+    for (auto const& [label, text] : legend)
+      expected += f("%-17s %s\n", label, text);
+    // Keys follow the names; the longest ("reader@11") sets the padding.
+    expected += f("%s%s %2s %10s %13s %14s %4s %4s %5s %26s %20s\n", "TaskName", " ", "SP",
+                  "RunCount", "TotalSec", "Last/Max-Delay", "200%", "500%", "MaxMs",
+                  "Total/DecayA/Max-WorkCount", "Last/Max-WorkPending");
+    char const* row = "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s\n";
+    expected += f(row, "reader@11", "", " N", 7, 2.5, 0.0015, 0.004, 2, 1, 12, "40", "   5.5", "9",
+                  "3", "4");
+    expected +=
+        f(row, "w@2", "      ", "Sh", 1, 0.25, 0.0, 0.0, 0, 0, 0, "0", "   0.0", "-", "0", "-");
+    expected += c.skippedLine;
+    if (c.withCompleted) {
+      expected += f("%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s\n", "TaskName (completed)",
+                    "", "SP", "RunCount", "TotalSec", "Last/Max-Delay", "200%", "500%", "MaxMs",
+                    "Completed", "Total/DecayA/Max-WorkCount", "Last/Max-WorkPending");
+      expected += f("%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s\n",
+                    "gone", "", " l", 3, 1.0, 0.0, 0.0, 0, 0, 0, 2, "0", "   0.0", "-", "0", "-");
+      expected += c.skippedLine;
+    }
+    std::ostringstream os;
+    TaskSchedulerRoot::statsRenderTextImpl(os, queues, TaskTimeDuration(1'500'000), &tasks,
+                                           c.skipped, c.withCompleted ? &completed : nullptr,
+                                           c.skipped, true);
+    EXPECT_EQ(os.str(), expected) << c.skipped;
+  }
+}
+
+// The trace in short: thread names, then "X track ts+dur note" for slices and
+// "i track name" for instants, checking on the way that every event sits on
+// a named track and no slice ends before it starts.
+std::string traceSummary(std::string const& text, int64_t pid) {
+  std::map<unsigned, std::string> tracks;
+  std::string summary;
+  rapidjson::Document const doc = parse(text);
+  for (Json const& e : doc["traceEvents"].GetArray()) {
+    std::string const phase = e["ph"].GetString();
+    unsigned const tid = e["tid"].GetUint();
+    EXPECT_EQ(e["pid"].GetInt64(), pid);
+    EXPECT_TRUE(phase == "M" || tracks.count(tid) == 1) << text;
+    if (phase == "M")
+      summary += "M " + (tracks[tid] = e["args"]["name"].GetString());
+    else if (phase == "i")
+      summary += "i " + tracks[tid] + " " + e["name"].GetString();
+    else {
+      EXPECT_TRUE(e["dur"].GetDouble() >= 0 && e["name"].GetString() == tracks[tid]) << text;
+      summary += f("X %s %g+%g", tracks[tid], e["ts"].GetDouble(), e["dur"].GetDouble());
+      if (e.HasMember("args"))
+        summary += " " + std::string(e["args"].MemberBegin()->name.GetString());
+    }
+    summary += "; ";
+  }
+  return summary;
+}
+
+// A scheduler standing in for a task group: registered with the root, run by
+// a parent task in the root that reports it as its group's scheduler.
+class SubScheduler : public TaskScheduler {
+ public:
+  explicit SubScheduler(TaskSchedulerRoot* root) : TaskScheduler("group", root, root->history()) {
+    root->registerScheduler(this);
+  }
+  ~SubScheduler() override {
+    destroyResetStatsTask();
+    root()->unregisterScheduler(this);
+  }
+  void requestSchedulerRun() override {}
+  void handleTaskForceYieldInTest() override {}
+};
+
+class ParentTask : public FunctionTask {
+ public:
+  ParentTask(std::shared_ptr<TaskScheduler> parent, TaskScheduler* group)
+      : FunctionTask(std::move(parent), TaskPriority::normal, "TaskGroup;group"), group_(group) {}
+  TaskScheduler* taskGroupScheduler() const override { return group_; }
+  TaskStat::TaskStatus taskStatus() const override {
+    TaskStat::TaskStatus status = FunctionTask::taskStatus();
+    status.taskIsTaskGroupIs(true);
+    return status;
+  }
+
+ private:
+  TaskScheduler* group_;
+};
+
+class StatsTree : public testing::Test {
+ protected:
+  StatsTree() {
+    ran_->taskWorkCountInc(3);
+    ran_->taskRunFromTest();
+    inGroup_->taskRunFromTest();
+    parent_->taskRunFromTest();
+    done_->taskRunFromTest();
+    done_.reset();
+  }
+
+  std::shared_ptr<TaskSchedulerRoot> root_ = TaskSchedulerRoot::TaskSchedulerRootIs("stats");
+  std::shared_ptr<SubScheduler> group_ = std::make_shared<SubScheduler>(root_.get());
+  std::shared_ptr<FunctionTask> ran_ = makeTask(root_, TaskPriority::high, "ran");
+  std::shared_ptr<FunctionTask> idle_ = makeTask(root_, TaskPriority::low, "idle");
+  std::shared_ptr<FunctionTask> done_ = makeTask(root_, TaskPriority::low, "done");
+  std::shared_ptr<FunctionTask> inGroup_ = makeTask(group_, TaskPriority::normal, "inGroup");
+  std::shared_ptr<ParentTask> parent_ = makeShared<ParentTask>(root_, group_.get());
+};
+
+TEST_F(StatsTree, TextReportCoversEveryRegisteredSchedulerToEachDestination) {
+  std::string const text = root_->statsRenderTextForDebugToString(false, false, true, false);
+  EXPECT_EQ(
+      renderedTo([&](int fd) { root_->statsRenderTextForDebug(fd, false, false, true, false); }),
+      text);
+  std::string firstWords;
+  for (std::string const& line : linesOf(text.substr(text.find("\nTaskName") + 1)))
+    firstWords += line.substr(0, line.find(' ')) + ",";
+  EXPECT_EQ(firstWords, "TaskName,ran,TaskGroup;group,inGroup,Skipped,TaskName,done,") << text;
+  EXPECT_NE(text.find("Skipped 1 task with no runs\n"), std::string::npos);
+  // includeAll lists the idle task and skips nothing.
+  std::string const all = root_->statsRenderTextForDebugToString(true, false, false, false);
+  EXPECT_NE(all.find("\nidle "), std::string::npos);
+  EXPECT_EQ(all.find("Skipped"), std::string::npos);
+}
+
+TEST_F(StatsTree, JsonNestsGroupsAndWritesEachMemberUnderItsCondition) {
+  rapidjson::Document const doc =
+      parse(root_->snapshot("named", false, true, true, 7).renderJsonToString());
+  EXPECT_EQ(keysOf(doc),
+            "schedulerName,displayOrder,isRootScheduler,priorityStats,maxSchedulerSlip,tasks,"
+            "completedTasks,subSchedulers,historyEntryCount,history");
+  EXPECT_STREQ(doc["schedulerName"].GetString(), "named");
+  EXPECT_TRUE(doc["isRootScheduler"].GetBool() && doc["maxSchedulerSlip"].IsDouble());
+  EXPECT_EQ(keysOf(doc["priorityStats"]), "absolute,high,normal,low,scavenge");
+  EXPECT_EQ(keysOf(doc["priorityStats"]["low"]),
+            "runnableTasks,idleTasks,completedTasks,totalRunCount");
+
+  // Live tasks by run time; the idle one is counted as skipped.
+  Json const& tasks = doc["tasks"]["tasks"];
+  ASSERT_EQ(tasks.Size(), 2u);
+  EXPECT_EQ(doc["tasks"]["skipped"].GetUint(), 1u);
+  Json const& ran = std::string(tasks[0]["name"].GetString()) == "ran" ? tasks[0] : tasks[1];
+  Json const& parent = &ran == &tasks[0] ? tasks[1] : tasks[0];
+  std::string const status =
+      "onRunQueue,currentlyRunning,suspended,hasTimer,timerRunning,runCount,totalRunTime,"
+      "lastSchedulingLatency,schedulingLatencyHighWaterMark,qv200,qv500,maxMs";
+  EXPECT_EQ(keysOf(ran), "name,address,priority," + status + ",workCount,workPending");
+  EXPECT_EQ(keysOf(ran["workCount"]), "total,decayingAvg,highwater");
+  EXPECT_TRUE(ran["workPending"]["highwater"].GetUint() == 0 && ran["totalRunTime"].IsDouble());
+  EXPECT_EQ(keysOf(parent), "name,address,priority,subScheduler," + status);
+  Json const& gone = doc["completedTasks"]["tasks"][0];
+  EXPECT_EQ(keysOf(gone), "name,priority," + status + ",completedCount");
+  EXPECT_EQ(gone["completedCount"].GetUint64(), 1u);
+
+  std::string const key = parent["subScheduler"].GetString();
+  EXPECT_EQ(key, TaskSchedulerSnapshot::subSchedulerKey(*group_));
+  EXPECT_EQ(keysOf(doc["subSchedulers"]), key);
+  Json const& sub = doc["subSchedulers"][key.c_str()];
+  EXPECT_EQ(keysOf(sub),
+            "schedulerName,isRootScheduler,priorityStats,maxSchedulerSlip,tasks,subSchedulers");
+  EXPECT_FALSE(sub["isRootScheduler"].GetBool());
+  EXPECT_STREQ(sub["tasks"]["tasks"][0]["name"].GetString(), "inGroup");
+
+  // The same history as a trace: named after the root, and to a descriptor.
+  std::string const trace = root_->historyRenderTraceEventsToString();
+  EXPECT_EQ(renderedTo([&](int fd) { EXPECT_TRUE(root_->historyRenderTraceEvents(fd)); }), trace);
+  EXPECT_EQ(traceSummary(trace, ::getpid()).substr(0, 30), "M stats; M H ran; M L idle; M ");
+
+  // History: oldest first, numbered among every event the root recorded.
+  Json const& history = doc["history"];
+  EXPECT_EQ(doc["historyEntryCount"].GetUint(), root_->historyEntryCount());
+  EXPECT_EQ(keysOf(history[0]), "eventId,nsSinceBoot,eventType,name");
+  EXPECT_EQ(history[history.Size() - 1]["eventId"].GetUint64(),
+            root_->history()->eventsRecorded() - 1);
+  for (rapidjson::SizeType i = 1; i < history.Size(); ++i)
+    EXPECT_EQ(history[i]["eventId"].GetUint64(), history[i - 1]["eventId"].GetUint64() + 1);
+
+  std::ostringstream os;
+  root_->statsRenderJson(os, false, false, false);
+  EXPECT_EQ(keysOf(parse(os.str())),
+            "schedulerName,isRootScheduler,priorityStats,maxSchedulerSlip,tasks,subSchedulers");
+}
+
+TEST_F(StatsTree, ReportsRefuseOtherThreads) {
+  std::string text, json;
+  std::thread([&] {
+    text = assertionText([&] { root_->statsRenderTextForDebugToString(true, true, true, true); });
+    json = assertionText([&] { root_->statsRenderJsonToString(true, true, true); });
+  }).join();
+  EXPECT_THAT(text + json, testing::ContainsRegex("wrong thread.*wrong thread"));
+}
+
+TEST(TraceEvents, RunsBecomeSlicesOnTheirTracksAndLostEndsAreClipped) {
+  using enum EventType;
+  struct Event {
+    EventType type;
+    char const* name;
+    int64_t ns;
+  };
+  struct Case {
+    unsigned capacity;
+    std::vector<Event> events;
+    char const* summary;
+  } const cases[] = {
+      // The scheduler named like a task has a track of its own.
+      {10,
+       {{runStart, "N x", 1000},
+        {schedule, "H y", 1500},
+        {runEnd, "N x", 3000},
+        {schedulerIdle, "N x", 4000}},
+       "M proc; M N x; M H y; M N x; i H y schedule; X N x 1+2; i N x schedulerIdle; "},
+      // The ring dropped the run's start: it starts at the oldest event kept.
+      {2,
+       {{runStart, "N x", 1000}, {schedule, "H y", 2000}, {runEnd, "N x", 3500}},
+       "M proc; M H y; M N x; i H y schedule; X N x 2+1.5 startNotRecorded; "},
+      // Still running at the newest event, where it ends.
+      {10,
+       {{runStart, "N x", 1000}, {schedule, "H y", 4000}},
+       "M proc; M N x; M H y; i H y schedule; X N x 1+3 endNotRecorded; "},
+  };
+  for (Case const& c : cases) {
+    TaskSchedulerHistory history(c.capacity);
+    for (Event const& e : c.events) {
+      ConstStringRef const name = history.stringCache().intern(e.name);
+      TaskTimePoint const at{TaskTimeDuration(e.ns)};
+      if (e.type > TaskSchedulerHistory::lastTaskEventType)
+        history.insertSchedulerEvent(at, e.type, name);
+      else
+        history.insertTaskEvent(at, e.type, name);
+    }
+    std::string const text = history.renderTraceEventsToString("proc", 42);
+    EXPECT_EQ(traceSummary(text, 42), c.summary) << text;
+    EXPECT_EQ(renderedTo([&](int fd) { history.renderTraceEvents(fd, "proc", 42); }), text);
+  }
+}
+
+}  // namespace
+}  // namespace Tamlo::Test
