@@ -50,9 +50,14 @@ TaskGroup::ParentTask::ParentTask(std::shared_ptr<TaskScheduler> parent, TaskPri
                                   std::string const& groupName, TaskGroup* group)
     : Task(std::move(parent), priority, "TaskGroup;" + groupName), group_(group) {}
 
-TaskGroup* TaskGroup::ParentTask::isTaskGroup() const {
-  TAMLO_TASK_FATAL_ASSERT(group_ != nullptr, "TaskGroup is non-null");
-  return group_;
+// Here rather than with the other task operations: only this module knows
+// the parent task's type.
+TaskGroup* TaskImpl::isTaskGroup() const {
+  auto const* const parent = dynamic_cast<TaskGroup::ParentTask const*>(this);
+  if (parent == nullptr)
+    return nullptr;
+  TAMLO_TASK_FATAL_ASSERT(parent->group() != nullptr, "TaskGroup is non-null");
+  return parent->group();
 }
 
 void TaskGroup::ParentTask::taskExecute() {

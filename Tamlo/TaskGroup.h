@@ -40,8 +40,8 @@ class TaskGroup : public TaskScheduler {
     ParentTask(std::shared_ptr<TaskScheduler> parent, TaskPriority priority,
                std::string const& groupName, TaskGroup* group);
 
-    // The group; a ParentTask whose group is gone aborts here.
-    TaskGroup* isTaskGroup() const override;
+    // Null once the group is gone.
+    TaskGroup* group() const { return group_; }
     void taskExecute() override;
     void handleResetStats() override;
 

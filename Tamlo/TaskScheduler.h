@@ -174,13 +174,10 @@ class TaskImpl : public _TaskBase {
   virtual void taskRunFromTest();
   virtual TaskStat::TaskStatus taskStatus() const;
   virtual void taskExecute() = 0;
-  // The group whose parent task this is; null for every other task.
-  virtual TaskGroup* isTaskGroup() const { return nullptr; }
-  // The group's own scheduler, for a group's parent task; null for every
-  // other task. The parent task overrides this beside isTaskGroup() (with its
-  // group, upcast), because TaskGroup is incomplete here; the reports nest a
-  // group's statistics under its parent task through it.
-  virtual TaskScheduler* taskGroupScheduler() const { return nullptr; }
+
+  // The group whose parent task this is, told by the task's dynamic type;
+  // null for every other task. A parent task whose group is gone aborts.
+  TaskGroup* isTaskGroup() const;
 
   void unscheduleTask();
   // A snapshot of the counters under the task name; completed count 0.

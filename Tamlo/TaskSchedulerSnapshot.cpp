@@ -4,6 +4,7 @@
 #include <ostream>
 #include <string_view>
 
+#include <Tamlo/TaskGroup.h>
 #include <Tamlo/TaskSchedulerPrintContext.h>
 
 namespace Tamlo {
@@ -39,7 +40,7 @@ TaskSchedulerSnapshot::TaskSchedulerSnapshot(TaskScheduler const& scheduler,
   if (includeCompleted)
     completedSkipped_ = scheduler.getCompletedTaskStats(&completedTasks_, includeAll);
   for (TaskImpl const& task : scheduler.registeredTasks()) {
-    TaskScheduler const* const group = task.taskGroupScheduler();
+    TaskGroup const* const group = task.isTaskGroup();
     if (group == nullptr)
       continue;
     subSchedulerKeys_.emplace(TaskKey(&task), subSchedulerKey(*group));

@@ -14,8 +14,9 @@
 #include <rapidjson/document.h>
 #include <boost/format.hpp>
 
+#include <Tamlo/TaskGroup.h>
+#include <Tamlo/TaskSchedulerSnapshot.h>
 #include "SchedulerTestSupport.h"
-#include "Tamlo/TaskSchedulerSnapshot.h"
 #include "TestSupport.h"
 
 namespace Tamlo::Test {
@@ -158,54 +159,24 @@ std::string traceSummary(std::string const& text, int64_t pid) {
   return summary;
 }
 
-// A scheduler standing in for a task group: registered with the root, run by
-// a parent task in the root that reports it as its group's scheduler.
-class SubScheduler : public TaskScheduler {
- public:
-  explicit SubScheduler(TaskSchedulerRoot* root) : TaskScheduler("group", root, root->history()) {
-    root->registerScheduler(this);
-  }
-  ~SubScheduler() override {
-    destroyResetStatsTask();
-    root()->unregisterScheduler(this);
-  }
-  void requestSchedulerRun() override {}
-  void handleTaskForceYieldInTest() override {}
-};
-
-class ParentTask : public FunctionTask {
- public:
-  ParentTask(std::shared_ptr<TaskScheduler> parent, TaskScheduler* group)
-      : FunctionTask(std::move(parent), TaskPriority::normal, "TaskGroup;group"), group_(group) {}
-  TaskScheduler* taskGroupScheduler() const override { return group_; }
-  TaskStat::TaskStatus taskStatus() const override {
-    TaskStat::TaskStatus status = FunctionTask::taskStatus();
-    status.taskIsTaskGroupIs(true);
-    return status;
-  }
-
- private:
-  TaskScheduler* group_;
-};
-
 class StatsTree : public testing::Test {
  protected:
   StatsTree() {
     ran_->taskWorkCountInc(3);
     ran_->taskRunFromTest();
     inGroup_->taskRunFromTest();
-    parent_->taskRunFromTest();
+    group_->taskGroupRunFromTest();
     done_->taskRunFromTest();
     done_.reset();
   }
 
   std::shared_ptr<TaskSchedulerRoot> root_ = TaskSchedulerRoot::TaskSchedulerRootIs("stats");
-  std::shared_ptr<SubScheduler> group_ = std::make_shared<SubScheduler>(root_.get());
+  std::shared_ptr<TaskGroup> group_ =
+      TaskGroup::TaskGroupIs("group", TaskPriority::normal, false, root_);
   std::shared_ptr<FunctionTask> ran_ = makeTask(root_, TaskPriority::high, "ran");
   std::shared_ptr<FunctionTask> idle_ = makeTask(root_, TaskPriority::low, "idle");
   std::shared_ptr<FunctionTask> done_ = makeTask(root_, TaskPriority::low, "done");
   std::shared_ptr<FunctionTask> inGroup_ = makeTask(group_, TaskPriority::normal, "inGroup");
-  std::shared_ptr<ParentTask> parent_ = makeShared<ParentTask>(root_, group_.get());
 };
 
 TEST_F(StatsTree, TextReportCoversEveryRegisteredSchedulerToEachDestination) {
