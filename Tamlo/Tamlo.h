@@ -11,6 +11,7 @@
 #include <Tamlo/DisplayPointer.h>
 #include <Tamlo/Errno.h>
 #include <Tamlo/EventBaseTimers.h>
+#include <Tamlo/FileLock.h>
 #include <Tamlo/Exception.h>
 #include <Tamlo/Fmt.h>
 #include <Tamlo/FmtraceCpp.h>

@@ -1,18 +1,27 @@
 #include <Tamlo/Counters.h>
 #include <Tamlo/DisplayPointer.h>
+#include <Tamlo/FileLock.h>
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/TypeName.h>
 #include <Tamlo/Util.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <filesystem>
+#include <functional>
 #include <iomanip>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "SysTestSupport.h"
 #include "TestSupport.h"
 #include "plugins/VigorCountersRecord.h"
 
@@ -152,6 +161,157 @@ TEST(UtilTest, CountersWithoutThePluginDoNothing) {
             "TamloPlugin 0 Platform::loadPlugin() Failed to load plugin VigorCountersPlugin: "
             "libVigorCountersPlugin.so: "
             "cannot open shared object file: No such file or directory\n");
+}
+
+// ---- Files, paths and lock holders ----
+
+using Tamlo::Test::errorOf;
+using Tamlo::Test::ScratchDirectory;
+using testing::MatchesRegex;
+namespace fs = std::filesystem;
+
+TEST(UtilFileTest, WriteReplacesAtomicallyAndTheOtherHelpersAct) {
+  ScratchDirectory const dir;
+  std::string const file = dir / "f";
+  Tamlo::Util::writeFile(file, "first", {.fsync = false, .mode = 0640});
+  Tamlo::Util::writeFile(file, std::string(100000, 'x'), {.fsync = true, .mode = 0600});
+  EXPECT_EQ(Tamlo::Util::readFile(file), std::string(100000, 'x'));
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);  // no temporary left
+  Tamlo::Util::truncate(file, 3);
+  EXPECT_EQ(Tamlo::Util::fileSize(file), 3u);
+  auto const hourAgo = fs::last_write_time(file) - std::chrono::hours(1);
+  fs::last_write_time(file, hourAgo);
+  Tamlo::Util::touch(file);
+  EXPECT_GT(fs::last_write_time(file), hourAgo + std::chrono::minutes(59));
+  EXPECT_EQ(Tamlo::Util::readFile(file), "xxx");
+  Tamlo::Util::touch(dir / "new");
+  EXPECT_EQ(Tamlo::Util::fileSize(dir / "new"), 0u);
+  EXPECT_TRUE(Tamlo::Util::remove(file));
+  EXPECT_FALSE(Tamlo::Util::remove(file));
+  EXPECT_NE(Tamlo::Util::readFile("/proc/self/status").find("Pid:"), std::string::npos);
+}
+
+TEST(UtilFileTest, FailuresNameThePathAndTheErrorAndLeakNothing) {
+  ScratchDirectory const dir;
+  std::string const d = dir.path();
+  fs::create_directories(d + "/full/sub");
+  std::pair<std::function<void()>, std::string> const cases[] = {
+      {[&] { Tamlo::Util::readFile(d + "/none"); },
+       "open " + d + "/none: No such file or directory"},
+      {[&] { Tamlo::Util::readFile(d); }, "read " + d + ": Is a directory"},
+      {[&] { Tamlo::Util::writeFile(d + "/no/f", "x"); },
+       "create " + d + "/no/f.tmp.[0-9]+.[0-9]+: No such file or directory"},
+      {[&] { Tamlo::Util::writeFile(d + "/full", "x"); },
+       "rename to " + d + "/full " + d + "/full.tmp.[0-9]+.[0-9]+: Is a directory"},
+      {[&] { Tamlo::Util::touch(d + "/no/f"); }, "open " + d + "/no/f: No such file or directory"},
+      {[&] { Tamlo::Util::truncate(d + "/none", 1); },
+       "truncate " + d + "/none: No such file or directory"},
+      {[&] { Tamlo::Util::remove(d + "/full"); }, "remove " + d + "/full: Directory not empty"},
+      {[&] { Tamlo::Util::fileSize(d + "/none"); },
+       "stat " + d + "/none: No such file or directory"},
+      {[&] { Tamlo::Util::readLockPid(d + "/none"); },
+       "stat " + d + "/none: No such file or directory"},
+  };
+  for (auto const& [call, message] : cases)
+    EXPECT_THAT(errorOf(call), MatchesRegex("Tamlo::RuntimeException: " + message));
+  EXPECT_EQ(std::distance(fs::directory_iterator(d), {}), 1);  // temporaries removed
+
+  Tamlo::Util::writeFile(d + "/secret", "x", {.mode = 0600});
+  EXPECT_EQ(Tamlo::Test::exitCodeAsNobody([&] {
+              return errorOf([&] { Tamlo::Util::readFile(d + "/secret"); }) ==
+                     "Tamlo::NoPermissionException: open " + d + "/secret: Permission denied";
+            }),
+            1);
+}
+
+TEST(UtilFileTest, MkpathCreatesEveryMissingDirectoryAndReportsLikeMkdir) {
+  ScratchDirectory const dir;
+  Tamlo::Util::touch(dir / "file");
+  mode_t const oldMask = ::umask(022);
+  struct Case {
+    std::string path;
+    bool existingIsOk;
+    int result;
+    int error;
+  } const cases[] = {
+      {dir / "a/b/c", false, 0, 0},      {dir / "a/b/c", false, -1, EEXIST},
+      {dir / "a/b/c", true, 0, 0},       {dir / "a//b///d/", false, 0, 0},
+      {dir / "file", true, -1, ENOTDIR}, {dir / "file/x", false, -1, ENOTDIR},
+      {"", false, -1, EEXIST},
+  };
+  for (auto const& [path, existingIsOk, result, error] : cases) {
+    int const got = Tamlo::Util::mkpath(path, 0777, existingIsOk);
+    EXPECT_EQ(got == 0 ? 0 : errno, error) << path;
+    EXPECT_EQ(got, result) << path;
+  }
+  ::umask(oldMask);
+  EXPECT_EQ(fs::status(dir / "a/b").permissions(), fs::perms(0755));
+  EXPECT_TRUE(fs::is_directory(dir / "a/b/d"));
+}
+
+TEST(UtilFileTest, TrimpathCleansLexically) {
+  std::pair<char const*, char const*> const cases[] = {
+      {"", "."},
+      {".", "."},
+      {"/", "/"},
+      {"a//b/./c/", "a/b/c"},
+      {"/../a/..", "/"},
+      {"../../a", "../../a"},
+      {"a/b/../../..", ".."},
+      {"/x/./y/../z", "/x/z"},
+  };
+  for (auto const& [path, cleaned] : cases)
+    EXPECT_EQ(Tamlo::Util::trimpath(path), cleaned) << path;
+}
+
+TEST(UtilLockPidTest, ParsesHoldingLocksOfTheFileOnly) {
+  std::pair<char const*, std::optional<pid_t>> const cases[] = {
+      {"1: POSIX  ADVISORY  WRITE 4242 fd:01:777 0 EOF\n", 4242},
+      {"1: FLOCK  ADVISORY  WRITE 7 fd:01:7770 0 EOF\n2: OFDLCK ADVISORY  READ  -1 fd:01:777 0 EOF",
+       -1},
+      {"1: POSIX  ADVISORY  WRITE 5 fd:01:777 0 EOF\n1: -> POSIX  ADVISORY  WRITE 6 fd:01:777 0 "
+       "EOF",
+       5},
+      {"1: -> POSIX  ADVISORY  WRITE 6 fd:01:777 0 EOF\n", std::nullopt},
+      {"pos:\t0\nlock:\t1: OFDLCK ADVISORY  WRITE -1 fd:01:777 0 EOF\n", -1},
+      {"1: POSIX  ADVISORY  WRITE 5 fd:02:777 0 EOF\n1: POSIX ADVISORY WRITE x fd:01:777 0 EOF\n",
+       std::nullopt},
+      {"garbage\n\n: : : : : :\n1: LEASE ACTIVE READ 9 <none>:0 0 EOF", std::nullopt},
+  };
+  for (auto const& [text, pid] : cases)
+    EXPECT_EQ(Tamlo::Util::parseLockPid(text, 0xfd, 1, 777), pid) << text;
+}
+
+TEST(UtilLockPidTest, FindsTheProcessHoldingAPosixOrOpenFileLock) {
+  ScratchDirectory const dir;
+  std::string const file = dir / "lock";
+  Tamlo::Util::touch(file);
+  EXPECT_EQ(Tamlo::Util::readLockPid(file), -1);
+  for (int command : {F_SETLK, Tamlo::cmd_F_OFD_SETLK()}) {
+    int locked[2], done[2];
+    ASSERT_EQ(::pipe(locked), 0);
+    ASSERT_EQ(::pipe(done), 0);
+    pid_t const child = ::fork();
+    if (child == 0) {
+      struct flock range = {};
+      range.l_type = F_WRLCK;
+      ::close(done[1]);
+      int const fd = ::open(file.c_str(), O_RDWR);
+      char byte = ::fcntl(fd, command, &range) == 0 ? 'y' : 'n';
+      if (::write(locked[1], &byte, 1) != 1 || ::read(done[0], &byte, 1) != 0)
+        ::_exit(1);
+      ::_exit(0);
+    }
+    char byte = 0;
+    EXPECT_EQ(::read(locked[0], &byte, 1), 1);
+    EXPECT_EQ(byte, 'y');
+    EXPECT_EQ(Tamlo::Util::readLockPid(file), child) << "command " << command;
+    for (int fd : {locked[0], locked[1], done[0], done[1]})
+      ::close(fd);
+    ::waitpid(child, nullptr, 0);
+  }
+  EXPECT_EQ(Tamlo::Util::readLockPid(file), -1);
 }
 
 }  // namespace
