@@ -8,6 +8,7 @@
 #include <Tamlo/ConstStringCache.h>
 #include <Tamlo/Counters.h>
 #include <Tamlo/Debug.h>
+#include <Tamlo/DirNode.h>
 #include <Tamlo/DisplayPointer.h>
 #include <Tamlo/Errno.h>
 #include <Tamlo/EventBaseTimers.h>
