@@ -12,8 +12,8 @@
 #include <Tamlo/DisplayPointer.h>
 #include <Tamlo/Errno.h>
 #include <Tamlo/EventBaseTimers.h>
-#include <Tamlo/FileLock.h>
 #include <Tamlo/Exception.h>
+#include <Tamlo/FileLock.h>
 #include <Tamlo/Fmt.h>
 #include <Tamlo/FmtraceCpp.h>
 #include <Tamlo/ForkHandler.h>
@@ -24,7 +24,9 @@
 #include <Tamlo/Loco.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Plugin.h>
+#include <Tamlo/ProcInfo.h>
 #include <Tamlo/Random.h>
+#include <Tamlo/Socket.h>
 #include <Tamlo/Task.h>
 #include <Tamlo/TaskKey.h>
 #include <Tamlo/TaskMaybeU32.h>
