@@ -77,8 +77,7 @@ void DirNode::walkDirectory(std::string const& path, unsigned depth, std::vector
       return errorIs(path, errno);
     }
     Impl::UniqueFd owner(fd);
-    ::fstat(fd, &directoryStatus);
-    DIR* const directory = ::fdopendir(fd);
+    DIR* const directory = ::fstat(fd, &directoryStatus) == 0 ? ::fdopendir(fd) : nullptr;
     if (directory == nullptr) {
       if (isRoot)
         Util::throwSystemError("opendir", path, errno);

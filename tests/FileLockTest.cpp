@@ -6,17 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <functional>
+#include <cstdio>
 #include <memory>
 #include <string>
 
 #include "SysTestSupport.h"
-#include "TestSupport.h"
 
 namespace {
 
@@ -120,27 +116,16 @@ TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
   for (bool const destroy : {false, true}) {
     auto lock = std::make_unique<FileLock>(*handle_, directory_, "svc.lock");
     ASSERT_TRUE(lock->lock(true));
-    int errorPipe[2];
-    ASSERT_EQ(::pipe(errorPipe), 0);
-    pid_t const child = ::fork();
-    if (child == 0) {
-      ::dup2(errorPipe[1], 2);
+    auto const run = Tamlo::Test::runInChild([&] {
+      std::fprintf(stderr, "%d\n", ::getpid());
       destroy ? lock.reset() : lock->release();
-      ::_exit(0);
-    }
-    ::close(errorPipe[1]);
-    std::string errors;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(errorPipe[0], buffer, sizeof buffer)) > 0;)
-      errors.append(buffer, static_cast<size_t>(n));
-    ::close(errorPipe[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
-    EXPECT_THAT(errors, HasSubstr("Tamlo::Assert aborting because: "));
-    EXPECT_THAT(errors,
-                HasSubstr("FileLock::release() called from child process:" + std::to_string(child) +
-                          " of owner pid:" + std::to_string(::getpid()) + "\n"));
+      return 0;
+    });
+    EXPECT_EQ(run.signal, SIGABRT);
+    std::string const child = run.err.substr(0, run.err.find('\n'));
+    EXPECT_THAT(run.err, HasSubstr("Tamlo::Assert aborting because: "));
+    EXPECT_THAT(run.err, HasSubstr("FileLock::release() called from child process:" + child +
+                                   " of owner pid:" + std::to_string(::getpid()) + "\n"));
     EXPECT_FALSE(FileLock(*handle_, directory_, "svc.lock").lock(false));  // still the parent's
   }
 }

