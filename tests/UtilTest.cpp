@@ -211,6 +211,8 @@ TEST(UtilFileTest, FailuresNameThePathAndTheErrorAndLeakNothing) {
     EXPECT_THAT(errorOf(call), testing::MatchesRegex("Tamlo::RuntimeException: " + message));
   EXPECT_EQ(std::distance(fs::directory_iterator(d), {}), 1);  // temporaries removed
 
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "needs root to run a child as another user";
   Util::writeFile(d + "/secret", "x", {.mode = 0600});
   auto const asNobody = Tamlo::Test::runInChild(
       [&] {
