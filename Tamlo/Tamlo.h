@@ -8,11 +8,13 @@
 #include <Tamlo/ConstStringCache.h>
 #include <Tamlo/Counters.h>
 #include <Tamlo/Debug.h>
+#include <Tamlo/DirNode.h>
 #include <Tamlo/DisplayPointer.h>
 #include <Tamlo/Errno.h>
 #include <Tamlo/EventBaseTimers.h>
 #include <Tamlo/Exception.h>
 #include <Tamlo/FileDescriptorTask.h>
+#include <Tamlo/FileLock.h>
 #include <Tamlo/Fmt.h>
 #include <Tamlo/FmtraceCpp.h>
 #include <Tamlo/ForkHandler.h>
@@ -23,7 +25,9 @@
 #include <Tamlo/Loco.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Plugin.h>
+#include <Tamlo/ProcInfo.h>
 #include <Tamlo/Random.h>
+#include <Tamlo/Socket.h>
 #include <Tamlo/Task.h>
 #include <Tamlo/TaskControl.h>
 #include <Tamlo/TaskGroup.h>

@@ -1,19 +1,27 @@
 #include <Tamlo/Counters.h>
 #include <Tamlo/DisplayPointer.h>
+#include <Tamlo/FileLock.h>
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/TypeName.h>
 #include <Tamlo/Util.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <filesystem>
+#include <functional>
 #include <iomanip>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "TestSupport.h"
+#include "SysTestSupport.h"
 #include "plugins/VigorCountersRecord.h"
 
 namespace {
@@ -152,6 +160,135 @@ TEST(UtilTest, CountersWithoutThePluginDoNothing) {
             "TamloPlugin 0 Platform::loadPlugin() Failed to load plugin VigorCountersPlugin: "
             "libVigorCountersPlugin.so: "
             "cannot open shared object file: No such file or directory\n");
+}
+
+// ---- Files, paths and lock holders ----
+
+using Tamlo::Test::errorOf;
+namespace fs = std::filesystem;
+namespace Util = Tamlo::Util;
+
+TEST(UtilFileTest, WriteReplacesAtomicallyAndTheOtherHelpersAct) {
+  Tamlo::Test::ScratchDirectory const dir;
+  std::string const file = dir / "f";
+  Util::writeFile(file, "first", {.fsync = false, .mode = 0640});
+  Util::writeFile(file, std::string(100000, 'x'), {.fsync = true, .mode = 0600});
+  EXPECT_EQ(Util::readFile(file), std::string(100000, 'x'));
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+  Util::truncate(file, 3);
+  EXPECT_EQ(Util::fileSize(file), 3u);
+  auto const hourAgo = fs::last_write_time(file) - std::chrono::hours(1);
+  fs::last_write_time(file, hourAgo);
+  Util::touch(file);
+  EXPECT_GT(fs::last_write_time(file), hourAgo + std::chrono::minutes(59));
+  EXPECT_EQ(Util::readFile(file), "xxx");
+  EXPECT_TRUE(Util::remove(file));
+  EXPECT_FALSE(Util::remove(file));
+  Util::touch(file);
+  EXPECT_EQ(Util::fileSize(file), 0u);
+  EXPECT_NE(Util::readFile("/proc/self/status").find("Pid:"), std::string::npos);  // no size
+}
+
+TEST(UtilFileTest, FailuresNameThePathAndTheErrorAndLeakNothing) {
+  Tamlo::Test::ScratchDirectory const dir;
+  std::string const d = dir.path();
+  fs::create_directories(d + "/full/sub");
+  std::pair<std::function<void()>, std::string> const cases[] = {
+      {[&] { Util::readFile(d + "/none"); }, "open " + d + "/none: No such file or directory"},
+      {[&] { Util::readFile(d); }, "read " + d + ": Is a directory"},
+      {[&] { Util::writeFile(d + "/no/f", "x"); },
+       "create " + d + "/no/f.tmp.[0-9]+.[0-9]+: No such file or directory"},
+      {[&] { Util::writeFile(d + "/full", "x"); },
+       "rename to " + d + "/full " + d + "/full.tmp.[0-9]+.[0-9]+: Is a directory"},
+      {[&] { Util::touch(d + "/no/f"); }, "open " + d + "/no/f: No such file or directory"},
+      {[&] { Util::truncate(d + "/none", 1); },
+       "truncate " + d + "/none: No such file or directory"},
+      {[&] { Util::remove(d + "/full"); }, "remove " + d + "/full: Directory not empty"},
+      {[&] { Util::fileSize(d + "/none"); }, "stat " + d + "/none: No such file or directory"},
+      {[&] { Util::readLockPid(d + "/none"); }, "stat " + d + "/none: No such file or directory"},
+  };
+  for (auto const& [call, message] : cases)
+    EXPECT_THAT(errorOf(call), testing::MatchesRegex("Tamlo::RuntimeException: " + message));
+  EXPECT_EQ(std::distance(fs::directory_iterator(d), {}), 1);  // temporaries removed
+
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "needs root to run a child as another user";
+  Util::writeFile(d + "/secret", "x", {.mode = 0600});
+  auto const asNobody = Tamlo::Test::runInChild(
+      [&] {
+        return errorOf([&] { Util::readFile(d + "/secret"); }) ==
+               "Tamlo::NoPermissionException: open " + d + "/secret: Permission denied";
+      },
+      true);
+  EXPECT_EQ(asNobody.exitCode, 1);
+}
+
+TEST(UtilFileTest, MkpathCreatesEveryMissingDirectoryAndReportsLikeMkdir) {
+  Tamlo::Test::ScratchDirectory const dir;
+  Util::touch(dir / "file");
+  mode_t const oldMask = ::umask(022);
+  std::tuple<std::string, bool, int> const cases[] = {
+      {dir / "a/b/c", false, 0},     {dir / "a/b/c", false, EEXIST},
+      {dir / "a/b/c", true, 0},      {dir / "a//b///d/", false, 0},
+      {dir / "file", true, ENOTDIR}, {dir / "file/x", false, ENOTDIR},
+      {"", false, EEXIST},
+  };
+  for (auto const& [path, existingIsOk, error] : cases) {
+    int const result = Util::mkpath(path, 0777, existingIsOk);
+    EXPECT_EQ(result == 0 ? 0 : errno, error) << path;
+    EXPECT_EQ(result, error == 0 ? 0 : -1) << path;
+  }
+  ::umask(oldMask);
+  EXPECT_EQ(fs::status(dir / "a/b").permissions(), fs::perms(0755));
+  EXPECT_TRUE(fs::is_directory(dir / "a/b/d"));
+}
+
+TEST(UtilFileTest, TrimpathCleansLexically) {
+  std::pair<char const*, char const*> const cases[] = {
+      {"", "."},
+      {".", "."},
+      {"/", "/"},
+      {"a//b/./c/", "a/b/c"},
+      {"/../a/..", "/"},
+      {"../../a", "../../a"},
+      {"a/b/../../..", ".."},
+      {"/x/./y/../z", "/x/z"},
+  };
+  for (auto const& [path, cleaned] : cases)
+    EXPECT_EQ(Util::trimpath(path), cleaned) << path;
+}
+
+TEST(UtilLockPidTest, ParsesHoldingLocksOfTheFileOnly) {
+  std::pair<char const*, std::optional<pid_t>> const cases[] = {
+      {"1: POSIX  ADVISORY  WRITE 4242 fd:01:777 0 EOF\n", 4242},
+      {"1: FLOCK  ADVISORY  WRITE 7 fd:01:7770 0 EOF\n2: OFDLCK ADVISORY  READ  -1 fd:01:777 0 EOF",
+       -1},
+      {"1: POSIX  ADVISORY  WRITE 5 fd:01:777 0 EOF\n1: -> POSIX  ADVISORY  WRITE 6 fd:01:777 0 "
+       "EOF",
+       5},
+      {"pos:\t0\nlock:\t1: OFDLCK ADVISORY  WRITE -1 fd:01:777 0 EOF\n", -1},
+      {"1: POSIX  ADVISORY  WRITE 5 fd:02:777 0 EOF\n1: POSIX ADVISORY WRITE x fd:01:777 0 EOF\n",
+       std::nullopt},
+      {"garbage\n\n: : : : : :\n1: LEASE ACTIVE READ 9 <none>:0 0 EOF", std::nullopt},
+  };
+  for (auto const& [text, pid] : cases)
+    EXPECT_EQ(Util::parseLockPid(text, 0xfd, 1, 777), pid) << text;
+}
+
+TEST(UtilLockPidTest, FindsTheProcessHoldingAPosixOrOpenFileLock) {
+  Tamlo::Test::ScratchDirectory const dir;
+  std::string const file = dir / "lock";
+  Util::touch(file);
+  EXPECT_EQ(Util::readLockPid(file), -1);
+  for (int command : {F_SETLK, Tamlo::cmd_F_OFD_SETLK()}) {
+    Tamlo::Test::LiveChild const holder([&] {
+      struct flock range = {};
+      range.l_type = F_WRLCK;
+      ::fcntl(::open(file.c_str(), O_RDWR), command, &range);
+    });
+    EXPECT_EQ(Util::readLockPid(file), holder.pid()) << "command " << command;
+  }
+  EXPECT_EQ(Util::readLockPid(file), -1);
 }
 
 }  // namespace

@@ -1,0 +1,108 @@
+#include <Tamlo/DirNode.h>
+#include <Tamlo/Util.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "SysTestSupport.h"
+
+namespace {
+
+using Tamlo::DirEntry;
+using Tamlo::DirNode;
+using Tamlo::Test::errorOf;
+namespace fs = std::filesystem;
+
+// Each entry as "relative-path:type:depth ", then each error as "| path: text ".
+std::string walkOf(DirNode& walker, std::string const& root) {
+  std::string text;
+  walker.walk([&](DirEntry const& entry) {
+    text += fmt::format("{}:{}:{} ", entry.path.substr(root.size() + 1),
+                        Tamlo::dirEntryTypeName(entry.type), entry.depth);
+  });
+  for (auto const& error : walker.errors())
+    text += "| " + error.message().substr(root.size() + 1) + " ";
+  return text;
+}
+
+class DirNodeTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(scratch_ / "sub/inner");
+    Tamlo::Util::touch(scratch_ / "a.txt");
+    Tamlo::Util::touch(scratch_ / "sub/deep.txt");
+    fs::create_directory_symlink("sub", scratch_ / "link");
+    fs::create_symlink("missing", scratch_ / "dangling");
+    fs::create_directory_symlink(".", scratch_ / "loop");
+    ASSERT_EQ(::mkfifo((scratch_ / "fifo").c_str(), 0600), 0);
+  }
+  Tamlo::Test::ScratchDirectory const scratch_;
+};
+
+TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinks) {
+  struct Case {
+    bool recursive;
+    bool follow;
+    bool skipSub;
+    std::string walk;
+  } const cases[] = {
+      {false, false, false,
+       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:symlink:0 loop:symlink:0 "
+       "sub:directory:0 "},
+      {true, false, true,
+       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:symlink:0 loop:symlink:0 "},
+      {true, false, false,
+       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:symlink:0 loop:symlink:0 "
+       "sub:directory:0 sub/deep.txt:file:1 sub/inner:directory:1 "},
+      {true, true, false,
+       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:directory:0 link/deep.txt:file:1 "
+       "link/inner:directory:1 loop:directory:0 sub:directory:0 sub/deep.txt:file:1 "
+       "sub/inner:directory:1 | dangling: No such file or directory "
+       "| loop: Too many levels of symbolic links "},
+  };
+  for (auto const& [recursive, follow, skipSub, walk] : cases) {
+    DirNode walker(scratch_.path());
+    walker.recursiveIs(recursive);
+    walker.followSymlinksIs(follow);
+    if (skipSub)
+      walker.filterIs([](DirEntry const& entry) { return entry.name != "sub"; });
+    int const descriptors = Tamlo::Test::openDescriptorCount();
+    EXPECT_EQ(walkOf(walker, scratch_.path()), walk) << recursive << follow << skipSub;
+    EXPECT_EQ(Tamlo::Test::openDescriptorCount(), descriptors);
+  }
+}
+
+TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "needs root to run a child as another user";
+  fs::create_directories(scratch_ / "sub/inner/hidden");
+  fs::permissions(scratch_ / "sub/inner", fs::perms::owner_all);
+  auto const asNobody = Tamlo::Test::runInChild(
+      [&] {
+        DirNode walker(scratch_ / "sub");
+        walker.recursiveIs(true);
+        return walkOf(walker, scratch_ / "sub") ==
+               "deep.txt:file:0 inner:directory:0 | inner: Permission denied ";
+      },
+      true);
+  EXPECT_EQ(asNobody.exitCode, 1);
+}
+
+TEST_F(DirNodeTest, UnreadableRootThrows) {
+  std::pair<std::string, std::string> const cases[] = {
+      {scratch_ / "none", ": No such file or directory"},
+      {scratch_ / "a.txt", ": Not a directory"},
+  };
+  for (auto const& [root, error] : cases)
+    EXPECT_EQ(errorOf([&] { DirNode(root).entries(); }),
+              "Tamlo::RuntimeException: opendir " + root + error);
+}
+
+}  // namespace

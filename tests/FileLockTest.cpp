@@ -1,0 +1,133 @@
+#include <Tamlo/Debug.h>
+#include <Tamlo/FileLock.h>
+#include <Tamlo/Util.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "SysTestSupport.h"
+
+namespace {
+
+using Tamlo::FileLock;
+using Tamlo::Test::assertionText;
+using Tamlo::Test::openDescriptorCount;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+class FileLockTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (std::getenv("TRACEFILE") != nullptr)
+      GTEST_SKIP() << "trace lines go to TRACEFILE";
+    handle_->enabledIs(5, true);
+    handle_->enabledIs(1, true);
+  }
+
+  // The trace lines `action` writes, and whether it returned true.
+  std::pair<bool, std::string> traced(std::function<bool()> const& action) {
+    testing::internal::CaptureStderr();
+    bool const result = action();
+    return {result, testing::internal::GetCapturedStderr()};
+  }
+
+  Tamlo::Test::ScratchDirectory const scratch_;
+  std::string const directory_ = scratch_ / "locks/sub";
+  std::string const file_ = directory_ + "/svc.lock";
+  std::shared_ptr<Tamlo::Platform::DebugHandler> handle_ =
+      Tamlo::Platform::getDebugHandler("FileLockTest");
+};
+
+TEST_F(FileLockTest, LockConflictsReentersAndReleasesWithItsTraces) {
+  FileLock first(*handle_, directory_, "svc.lock");
+  FileLock second(*handle_, directory_, "svc.lock");
+  mode_t const oldMask = ::umask(077);
+  auto const [locked, lockTrace] = traced([&] { return first.lock(false); });
+  ::umask(oldMask);
+  EXPECT_TRUE(locked);
+  EXPECT_THAT(lockTrace, HasSubstr("file:" + file_ + "\n"));
+  EXPECT_THAT(lockTrace, HasSubstr("acquired lock on file:" + file_ + "\n"));
+  struct stat status;
+  ASSERT_EQ(::stat(file_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0666u);
+  EXPECT_EQ(Tamlo::Util::readLockPid(file_), ::getpid());
+
+  int const descriptors = openDescriptorCount();
+  std::pair<std::function<bool()>, std::string> const attempts[] = {
+      {[&] { return second.lock(false); }, "error: conflicting lock held on file:" + file_},
+      {[&] { return first.lock(false); }, "error: conflicting lock held on file:" + file_},
+      {[&] { return first.lock(true); },
+       "re-entry held by pid:" + std::to_string(::getpid()) + " on file:" + file_},
+  };
+  for (auto const& [attempt, expected] : attempts) {
+    auto const [result, trace] = traced(attempt);
+    EXPECT_EQ(result, expected.starts_with("re-entry")) << expected;
+    EXPECT_THAT(trace, HasSubstr(expected + "\n"));
+    EXPECT_EQ(openDescriptorCount(), descriptors) << expected;
+  }
+
+  auto const [unused, releaseTrace] = traced([&] { return first.release(), true; });
+  EXPECT_THAT(releaseTrace, HasSubstr("closed fd for file:" + file_ + "\n"));
+  EXPECT_THAT(releaseTrace, HasSubstr("released lock on file:" + file_ + "\n"));
+  EXPECT_THAT(traced([&] { return first.closeFd(), true; }).second,
+              HasSubstr("no active fd: nothing to do\n"));
+  EXPECT_TRUE(second.lock(false));
+  EXPECT_EQ(openDescriptorCount(), descriptors);
+}
+
+TEST_F(FileLockTest, UnopenableFileIsAnOrdinaryFailure) {
+  ASSERT_EQ(Tamlo::Util::mkpath(file_, 0777), 0);  // a directory where the file should be
+  FileLock lock(*handle_, directory_, "svc.lock");
+  auto const [locked, trace] = traced([&] { return lock.lock(false); });
+  EXPECT_FALSE(locked);
+  EXPECT_THAT(trace, HasSubstr("error: could not open lock file:" + file_ + " Is a directory\n"));
+
+  // With no directory the file name alone is the path, relative to here.
+  FileLock bare(*handle_, "", "bare.lock");
+  EXPECT_EQ(bare.file(), "bare.lock");
+  auto const here = std::filesystem::current_path();
+  std::filesystem::current_path(scratch_.path());
+  EXPECT_TRUE(bare.lock(false));
+  std::filesystem::current_path(here);
+  EXPECT_TRUE(std::filesystem::exists(scratch_ / "bare.lock"));
+}
+
+TEST_F(FileLockTest, MisuseIsAnAssertionFailure) {
+  Tamlo::Util::touch(scratch_ / "plain");
+  std::pair<std::function<void()>, std::string> const cases[] = {
+      {[&] { FileLock(*handle_, directory_, "a/b"); }, "unexpected '/' in filename: a/b"},
+      {[&] { FileLock(*handle_, directory_, "svc.lock").release(); },
+       "attempting to release a lock that is not currently held. File:" + file_},
+      {[&] { FileLock(*handle_, scratch_ / "plain/sub", "x").lock(false); },
+       "unexpected mkpath() error " + scratch_ / "plain/sub" + ": Not a directory"},
+  };
+  for (auto const& [misuse, message] : cases)
+    EXPECT_THAT(assertionText(misuse), EndsWith(message));
+}
+
+TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
+  for (bool const destroy : {false, true}) {
+    auto lock = std::make_unique<FileLock>(*handle_, directory_, "svc.lock");
+    ASSERT_TRUE(lock->lock(true));
+    auto const run = Tamlo::Test::runInChild([&] {
+      std::fprintf(stderr, "%d\n", ::getpid());
+      destroy ? lock.reset() : lock->release();
+      return 0;
+    });
+    EXPECT_EQ(run.signal, SIGABRT);
+    std::string const child = run.err.substr(0, run.err.find('\n'));
+    EXPECT_THAT(run.err, HasSubstr("Tamlo::Assert aborting because: "));
+    EXPECT_THAT(run.err, HasSubstr("FileLock::release() called from child process:" + child +
+                                   " of owner pid:" + std::to_string(::getpid()) + "\n"));
+    EXPECT_FALSE(FileLock(*handle_, directory_, "svc.lock").lock(false));  // still the parent's
+  }
+}
+
+}  // namespace

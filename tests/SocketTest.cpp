@@ -1,0 +1,131 @@
+#include <Tamlo/ProcInfo.h>
+#include <Tamlo/Socket.h>
+#include <Tamlo/Util.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <Tamlo/Errno.h>
+
+#include "SysTestSupport.h"
+
+namespace {
+
+using Tamlo::Test::errorOf;
+
+ino_t inodeOf(std::string const& path) {
+  struct stat status = {};
+  ::stat(path.c_str(), &status);
+  return status.st_ino;
+}
+
+ino_t threadNamespace() {
+  return inodeOf("/proc/thread-self/ns/net");
+}
+
+std::string const prefix = "tamlo-test-" + std::to_string(::getpid());
+
+TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
+  std::string const name = prefix + "-svc";
+  Tamlo::Impl::UniqueFd const server(Tamlo::listenAbstract(name));
+  Tamlo::Impl::UniqueFd const client(Tamlo::connectAbstract(name));
+  Tamlo::Impl::UniqueFd const accepted(::accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  ASSERT_TRUE(accepted.valid());
+  EXPECT_EQ(::write(client.get(), "x", 1), 1);
+  char byte = 0;
+  EXPECT_EQ(::read(accepted.get(), &byte, 1), 1);
+  EXPECT_EQ(Tamlo::ProcInfo::socketOwner(Tamlo::ProcInfo::socketInode(client.get())), ::getpid());
+
+  EXPECT_EQ(Tamlo::ProcInfo::socketOwner(0), -1);
+
+  Tamlo::Impl::UniqueFd const directory(::open("/", O_RDONLY | O_CLOEXEC));
+  ino_t const home = threadNamespace();
+  std::string const absent = "/run/netns/" + prefix + "-absent";
+  std::pair<std::function<void()>, std::string> const cases[] = {
+      {[&] { Tamlo::connectAbstract(prefix + "-none"); },
+       "RuntimeException: connect @" + prefix + "-none: Connection refused"},
+      {[&] { Tamlo::listenAbstract(name); },
+       "RuntimeException: bind @" + name + ": Address already in use"},
+      {[&] { Tamlo::listenAbstract(""); },
+       "OutOfRangeException: abstract socket name of 0 bytes, not 1 to 107: @"},
+      {[&] { Tamlo::connectAbstract(std::string(108, 'x')); },
+       "OutOfRangeException: abstract socket name of 108 bytes, not 1 to 107: @" +
+           std::string(108, 'x')},
+      {[&] { Tamlo::setnsByName(prefix + "-absent"); },
+       "RuntimeException: open network namespace " + absent + ": No such file or directory"},
+      {[&] { Tamlo::setnsByName("../x"); },
+       "OutOfRangeException: invalid network namespace name:../x"},
+      {[&] { Tamlo::ProcInfo::socketInode(directory.get()); },
+       "RuntimeException: socketInode fd:" + std::to_string(directory.get()) +
+           ": Socket operation on non-socket"},
+  };
+  for (auto const& [call, message] : cases) {
+    EXPECT_EQ(errorOf(call), "Tamlo::" + message);
+    EXPECT_EQ(threadNamespace(), home) << message;
+  }
+}
+
+// A network namespace named as `ip netns add` names it, made by unsharing
+// one thread and bind-mounting its namespace under /run/netns.
+class NetNsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    int error = 0;
+    std::thread([&] {
+      if (::unshare(CLONE_NEWNET) != 0 || Tamlo::Util::mkpath("/run/netns", 0755, true) != 0)
+        error = errno;
+      else if (Tamlo::Util::touch(path_),
+               ::mount("/proc/thread-self/ns/net", path_.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        error = errno;
+    }).join();
+    if (error != 0)
+      GTEST_SKIP() << "cannot make a network namespace here: " << Tamlo::strerror(error);
+  }
+  void TearDown() override {
+    ::umount2(path_.c_str(), MNT_DETACH);
+    ::unlink(path_.c_str());
+  }
+  std::string const name_ = prefix + "-ns";
+  std::string const path_ = "/run/netns/" + name_;
+};
+
+TEST_F(NetNsTest, SocketsMadeInsideStayThereAndTheThreadAlwaysReturns) {
+  ino_t const home = threadNamespace();
+  Tamlo::Impl::UniqueFd const server(
+      Tamlo::inNetNs(name_, [&] { return Tamlo::listenAbstract(name_); }));
+  EXPECT_EQ(threadNamespace(), home);
+  EXPECT_THAT(errorOf([&] { Tamlo::connectAbstract(name_); }), testing::EndsWith("refused"));
+  Tamlo::Impl::UniqueFd const client(
+      Tamlo::inNetNs(name_, [&] { return Tamlo::connectAbstract(name_); }));
+  EXPECT_EQ(errorOf([&] { Tamlo::inNetNs(name_, [] { return Tamlo::connectAbstract("x"); }); }),
+            "Tamlo::RuntimeException: connect @x: Connection refused");
+  EXPECT_EQ(threadNamespace(), home);
+
+  Tamlo::Impl::UniqueFd const inet(Tamlo::socketInNetNs(name_, AF_INET, SOCK_DGRAM));
+  Tamlo::Impl::UniqueFd const socketNamespace(::ioctl(inet.get(), SIOCGSKNS));
+  struct stat status;
+  ASSERT_EQ(::fstat(socketNamespace.get(), &status), 0);
+  EXPECT_EQ(status.st_ino, inodeOf(path_));
+  EXPECT_EQ(::fcntl(inet.get(), F_GETFD), FD_CLOEXEC);
+
+  std::thread([&] {
+    EXPECT_EQ(errorOf([&] { Tamlo::setnsByName(name_); }), "(none)");
+    EXPECT_EQ(threadNamespace(), inodeOf(path_));
+    EXPECT_EQ(errorOf([] { Tamlo::setnsByName(Tamlo::DEFAULT_NS); }), "(none)");
+    EXPECT_EQ(threadNamespace(), inodeOf("/proc/self/ns/net"));
+  }).join();
+}
+
+}  // namespace
