@@ -1,6 +1,8 @@
-// A tour of the library's foundation: trace handles switched on by TRACE and
-// laid out by TRACEFORMAT, the settings listing, an exception with its
-// backtrace, and a plugin loaded by name.
+// A tour of the library: trace handles switched on by TRACE and laid out by
+// TRACEFORMAT, the settings listing, an exception with its backtrace, a
+// plugin loaded by name, tasks of mixed priorities, an echo through
+// file-descriptor tasks, and a jittered timer task and a task group in
+// virtual time.
 //
 //   TRACE='Demo*/123' TRACEFORMAT=time,handle,level,func-name ./demo
 #include <Tamlo/Tamlo.h>
@@ -96,6 +98,8 @@ void echoOverSocketpair() {
               static_cast<unsigned long long>(server->taskWorkCountReadableTotal()));
   close(fds[0]);
   close(fds[1]);
+}
+
 // A heartbeat timer task with jitter and two workers sharing one slot of the
 // scheduler through a task group, in virtual time: the loop jumps to each
 // timer instead of waiting for it, so five seconds pass at once.
