@@ -18,6 +18,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <thread>
 #include <vector>
 
@@ -339,34 +340,20 @@ TEST(LibeventLoopTest, AHandlerMayDestroyItsControlAndThrow) {
   int fds[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
   ASSERT_EQ(::write(fds[1], "x", 1), 1);
-  std::vector<std::pair<char const*, std::function<void(Destroyer&)>>> const rows = {
-      {"libevent timer",
-       [](Destroyer& d) {
-         d.timer_ = getTimerControl(&d);
-         d.timer_->setTimeout(0);
-       }},
-      {"wheel timer",
-       [](Destroyer& d) {
-         d.timer_ = getTimerControl(&d, Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault));
-         d.timer_->setTimeout(0);
-       }},
-      {"callback",
-       [](Destroyer& d) {
-         d.callback_ = getCallbackControl(&d);
-         d.callback_->requestCallback();
-       }},
-      {"fd",
-       [&fds](Destroyer& d) {
-         d.fd_ = getFdControl(&d);
-         d.fd_->setFd(fds[0]);
-       }},
-  };
-  for (auto const& [name, arm] : rows) {
-    SCOPED_TRACE(name);
-    Destroyer destroyer;
-    arm(destroyer);
+  for (std::string const kind : {"libevent timer", "wheel timer", "callback", "fd"}) {
+    SCOPED_TRACE(kind);
+    Destroyer d;
+    auto wheel = Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault);  // moved: d's alone
+    if (kind == "callback")
+      (d.callback_ = getCallbackControl(&d))->requestCallback();
+    else if (kind == "fd")
+      (d.fd_ = getFdControl(&d))->setFd(fds[0]);
+    else
+      (d.timer_ =
+           kind == "libevent timer" ? getTimerControl(&d) : getTimerControl(&d, std::move(wheel)))
+          ->setTimeout(0);
     EXPECT_THROW(doEventLoop(60.0), std::runtime_error);
-    EXPECT_TRUE(!destroyer.timer_ && !destroyer.callback_ && !destroyer.fd_);
+    EXPECT_TRUE(!d.timer_ && !d.callback_ && !d.fd_);
   }
   ::close(fds[0]), ::close(fds[1]);
 }
