@@ -311,12 +311,7 @@ void destroyDebugHandler(DebugHandler* handle) {
 
 void setupTamloDebug(char const* spec) {
   LocoGuard guard;
-  if (!spec)
-    spec = std::getenv("TRACE");
-  if (spec)
-    Orv::forEachEntry(spec, [](std::string const& name, std::string const& levels) {
-      Orv::DebugControl::set(name, levels);
-    });
+  Impl::applyTraceSettings(spec ? spec : std::getenv("TRACE"));
   Impl::openTraceFileFromEnvironment();
 }
 
@@ -355,4 +350,14 @@ void dumpTamloDebugMap() {
 }
 
 }  // namespace Platform
+
+void Impl::applyTraceSettings(char const* spec) {
+  if (!spec)
+    return;
+  Platform::LocoGuard guard;
+  Orv::forEachEntry(spec, [](std::string const& name, std::string const& levels) {
+    Orv::DebugControl::set(name, levels);
+  });
+}
+
 }  // namespace Tamlo

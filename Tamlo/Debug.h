@@ -68,7 +68,8 @@ void destroyDebugHandler(DebugHandler* handle);
 
 // Applies "entry,entry,..." (entry = name[/levels] or prefix*[/levels]) left
 // to right; null reads TRACE (nothing when unset). Levels only accumulate.
-// Also opens TRACEFILE, or another file when TRACEFILE has changed.
+// Also opens TRACEFILE unless that file is open already; a name that failed
+// to open is tried again.
 void setupTamloDebug(char const* spec);
 // The same grammar, each entry removing levels; null does nothing.
 void clearTamloDebug(char const* spec);
@@ -205,9 +206,13 @@ inline Platform::DebugHandler const* rawHandle(Platform::DebugHandler const& h) 
 }
 
 // Switches the trace destination to TRACEFILE (truncating it) when TRACEFILE
-// is set and names another file than the last one tried; on failure reports
-// on standard error and traces there. Caller holds the library lock.
+// is set and names another file than the open one; on failure reports on
+// standard error, traces there and forgets the name, so the next call tries
+// again. Caller holds the library lock.
 void openTraceFileFromEnvironment();
+// setupTamloDebug without the trace file: the load applies its default
+// settings through this, so that a bad TRACEFILE is reported once at load.
+void applyTraceSettings(char const* spec);
 }  // namespace Impl
 
 }  // namespace Tamlo

@@ -80,6 +80,9 @@ extern "C" int event_base_get_first_timeout(event_base* base, timeval* out) {
 extern "C" int event_base_timeout_subtract_offset(event_base* base, timeval const* delta) {
   if (base == nullptr || delta == nullptr)
     return -1;
+  // Re-adding reads the clock anew and would push every timer a little later.
+  if (delta->tv_sec == 0 && delta->tv_usec == 0)
+    return 0;
   std::vector<PendingTimer> timers = pendingTimers(base);
   // Re-added earliest first: each event_add reads the clock anew, so a timer
   // re-added later lands a little later, which then never reorders them.

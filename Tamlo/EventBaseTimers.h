@@ -27,8 +27,9 @@ int event_base_get_first_timeout(struct event_base* base, struct timeval* out);
 // Makes every pending timer of `base` due `delta` earlier, keeping their
 // order and the interval of persistent ones. A timer whose new expiry has
 // passed is due at once. Each timer lands on its exact new expiry or later by
-// the time the re-adding takes (microseconds), never earlier. Returns the
-// number of timers moved, or -1 for a null argument.
+// the time the re-adding takes (microseconds), never earlier. A zero delta
+// touches nothing. Returns the number of timers moved, or -1 for a null
+// argument.
 int event_base_timeout_subtract_offset(struct event_base* base, const struct timeval* delta);
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 #include <exception>
 #include <limits>
 #include <mutex>
+#include <utility>
 
 #include <event2/thread.h>
 
@@ -46,8 +47,21 @@ Platform::DebugHandler const* trace() {
 // dispatch. So the libevent callback parks the exception here, breaks the
 // loop, and the loop function rethrows it once dispatch has returned.
 thread_local std::exception_ptr escapedException_;
+// Set while a loop function of this file runs the dispatch. A dispatch that
+// client code runs directly has nobody to rethrow a parked exception, and a
+// later loop call must not throw what an unrelated pass let escape.
+thread_local bool libraryDispatching_ = false;
+// What a handler's object needs until the exception it threw has been
+// offered and parked, when the handler dropped the last reference to it.
+thread_local std::shared_ptr<void> keptWhileUnwinding_;
 
 void parkEscapedException(event_base* base) noexcept {
+  keptWhileUnwinding_.reset();
+  if (!libraryDispatching_) {
+    TAMLO_TRACE(trace(), 0,
+                "A handler exception escaped a dispatch run outside Tamlo's loop functions");
+    std::terminate();  // inside the catch: the terminate handler names the exception
+  }
   if (escapedException_)
     TAMLO_TRACE(trace(), 0, "A second handler exception in one loop pass is dropped");
   else
@@ -248,10 +262,12 @@ void LibeventTimerControl::handler() {
   TAMLO_TRACE(trace(), 9, "Timer {} expired", fmt::ptr(this));
   // Copied first: the handler may destroy this control.
   Platform::TimeoutHandler* const timeoutHandler = handler_;
+  bool const handlerIsSelf = handlerIsSelf_;
   try {
     timeoutHandler->timeout();
   } catch (...) {
-    if (!timeoutHandler->handleTimeoutException())
+    // A call-back control's own handleTimeoutException() claims nothing.
+    if (handlerIsSelf || !timeoutHandler->handleTimeoutException())
       throw;
     TAMLO_TRACE(trace(), 9, "Timeout notification exception was handled");
   }
@@ -265,7 +281,9 @@ void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* arg) {
 // ---- Call-back control ----
 
 LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* handler)
-    : CallbackControl(handler), LibeventTimerControl(static_cast<TimeoutHandler*>(this)) {}
+    : CallbackControl(handler), LibeventTimerControl(static_cast<TimeoutHandler*>(this)) {
+  handlerIsSelf_ = true;
+}
 
 LibeventCallbackControl::~LibeventCallbackControl() {
   cancelCallback();
@@ -441,9 +459,15 @@ void EvLoopBreak::handleBaseLoopBreak(evutil_socket_t, short, void* arg) {
 
 namespace Impl {
 
+void keepWhileUnwinding(std::shared_ptr<void> object) noexcept {
+  keptWhileUnwinding_ = std::move(object);
+}
+
 void leDispatch() {
-  // One parked by a dispatch that client code ran directly.
-  rethrowEscapedException();
+  struct Dispatching {
+    bool const outer = std::exchange(libraryDispatching_, true);
+    ~Dispatching() { libraryDispatching_ = outer; }
+  } const dispatching;
   event_base_dispatch(ev_base);
   rethrowEscapedException();
 }

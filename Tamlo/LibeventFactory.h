@@ -132,6 +132,11 @@ class LibeventTimerControl : public Platform::TimerControl {
   bool armed() const;
   Platform::EventPriority priority() const { return priority_; }
 
+ protected:
+  // The handler is this object itself, which has offered its exception to its
+  // own handler already and may be gone by the time the exception is caught.
+  bool handlerIsSelf_ = false;
+
  private:
   static void handleTimeout(evutil_socket_t fd, short what, void* arg);
   // (Re)assigns the event to the thread's current base.
@@ -218,8 +223,14 @@ namespace Impl {
 // The "TamloLibevent" trace handle.
 Platform::DebugHandler const* libeventDebugHandle();
 // event_base_dispatch on the thread's base, then rethrows the exception a
-// handler let escape, if any.
+// handler let escape, if any. A handler exception that escapes a dispatch
+// client code runs directly ends the process at once (std::terminate).
 void leDispatch();
+// Keeps `object` alive while the exception being thrown unwinds to the
+// libevent callback that offered and parks it: for a handler's object whose
+// last reference went during the notification that threw. Call only while
+// that exception is in flight.
+void keepWhileUnwinding(std::shared_ptr<void> object) noexcept;
 }  // namespace Impl
 
 }  // namespace Tamlo

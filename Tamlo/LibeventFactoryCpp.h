@@ -12,9 +12,9 @@
 
 namespace Tamlo::Impl {
 
-// Longer timeouts are cut to this (about 31 years): no process waits longer,
-// and it keeps every conversion inside time_t.
-inline constexpr double maxTimeoutSeconds = 1e9;
+// Longer timeouts are cut to this, 2^62 seconds: libevent adds its clock to
+// the delay, and half of time_t's range is left for that sum.
+inline constexpr double maxTimeoutSeconds = 0x1p62;
 
 // Seconds truncated toward zero, then the fraction as truncated microseconds.
 // Negative values mean "now"; NaN is a caller's bug.

@@ -83,7 +83,10 @@ class FdEventHandler {
 // seconds from now on the backend's clock (virtual offset included);
 // re-arming replaces the old expiry. delTimeout() disarms, harmlessly when
 // idle. remainingTimeout() is the seconds left: 0 once the expiry has passed
-// but has not been delivered yet, +infinity when not armed.
+// but has not been delivered yet, +infinity when not armed. +infinity arms
+// nothing. Every finite delay the backend can hold is kept: libevent timers
+// cut delays to 2^62 seconds, wheel timers cut expiries to about 1.8e17
+// seconds on the clock, where their 64-bit tick count at 100 Hz ends.
 class TimerControl {
  public:
   explicit TimerControl(TimeoutHandler* handler) : handler_(handler) {}

@@ -46,7 +46,7 @@ uint32_t seedFromClock() {
 }
 
 // Caller holds state().mutex.
-void seedLocked(RandomState& random) {
+void setSeedLocked(RandomState& random) {
   if (!random.seedChosen) {
     char const* const fromEnvironment = std::getenv("QZTEST_RANDSEED");
     random.seed = fromEnvironment ? seedFromEnvironment(fromEnvironment) : seedFromClock();
@@ -59,29 +59,21 @@ void seedLocked(RandomState& random) {
   random.generator.seed(random.seed);
 }
 
-// Caller holds state().mutex.
-RandomState& seededState() {
-  RandomState& random = state();
-  if (!random.seedChosen)
-    seedLocked(random);
-  return random;
-}
-
 }  // namespace
 
 void Random::setSeed() {
   std::lock_guard<std::mutex> guard(state().mutex);
-  seedLocked(state());
+  setSeedLocked(state());
 }
 
 uint32_t Random::getSeed() {
   std::lock_guard<std::mutex> guard(state().mutex);
-  return seededState().seed;
+  return state().seed;
 }
 
 uint64_t Random::rand64() {
   std::lock_guard<std::mutex> guard(state().mutex);
-  return seededState().generator();
+  return state().generator();
 }
 
 std::string Random::randomString(unsigned length) {
@@ -90,7 +82,6 @@ std::string Random::randomString(unsigned length) {
       "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
   static_assert(sizeof characters == 63);
   std::lock_guard<std::mutex> guard(state().mutex);
-  seededState();
   std::string text(length, '\0');
   for (char& c : text)
     c = characters[std::rand() % 63];

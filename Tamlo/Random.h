@@ -1,5 +1,5 @@
-// A seeded, repeatable random source for tests. The seed comes from
-// QZTEST_RANDSEED when set (else from the clock) and is printed on standard
+// A seeded, repeatable random source for tests. setSeed() takes the seed from
+// QZTEST_RANDSEED when set (else from the clock) and prints it on standard
 // error, so a failing run can be repeated with the printed value.
 #pragma once
 
@@ -11,8 +11,9 @@ namespace Tamlo {
 // Process-wide state: one seed, one MT19937-64 generator, and the C library's
 // rand() for randomString. Every operation is thread-safe; concurrent callers
 // each get distinct draws of the one sequence, in an unspecified interleaving.
-// Drawing or asking for the seed before setSeed() seeds first, so any run that
-// used random numbers has printed its seed.
+// Only setSeed() chooses a seed and prints: before it, rand64() is the
+// default-seeded MT19937-64 sequence, randomString() the unseeded rand()
+// sequence and getSeed() is 0, so such a run is repeatable without a seed.
 class Random {
  public:
   // The first call chooses the seed: QZTEST_RANDSEED (a decimal 32-bit value)

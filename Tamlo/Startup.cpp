@@ -14,7 +14,7 @@ struct Startup {
   Startup() {
     installTerminateHandler();
     Platform::setupHandler();
-    Platform::setupTamloDebug("Tamlo*/01");
+    applyTraceSettings("Tamlo*/01");
     Platform::setupTamloDebug(nullptr);
     Platform::setTraceFormat("date,time,tid,handle,level");
     Platform::setTraceFormat(nullptr);

@@ -92,10 +92,9 @@ TaskImpl::~TaskImpl() {
   taskForceYieldInTestIs(false);
   // The root's ratio may still be in force; the scheduler must forget us.
   taskTestYieldRatioEffectiveIs(0);
-  // A task that went through handleDestroy() already left its scheduler.
-  if (taskMagicNumber_ == taskMagicNumberConstructed)
-    handleDestroy();
-  // The link nodes take themselves off any list they are still on.
+  // Also after an earlier handleDestroy(): a task scheduled since then leaves
+  // its queue counted, and unregistering it twice is reported.
+  handleDestroy();
 }
 
 void TaskImpl::handleDestroy() {
@@ -154,8 +153,7 @@ void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& end) {
                taskDisplayName());
   TAMLO_TRACE(trace(), 8, "Running {}", taskDisplayName());
   taskRunStart_ = now;
-  bool const virtualTime = taskShouldYieldMode_ == TaskShouldYieldMode::virtualTime;
-  if (virtualTime)
+  if (taskShouldYieldMode_ == TaskShouldYieldMode::virtualTime)
     scheduler.runStartTimeIs(Tamlo::time());
   ++taskRunCount_;
   taskCurrentlyRunning_ = true;
@@ -172,8 +170,11 @@ void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& end) {
                taskMagicNumber_, taskMagicNumberConstructed);
 
   end = Impl::taskTimeNow();
-  TaskTimeDuration const used =
-      virtualTime ? time2Duration(Tamlo::time() - scheduler.runStartTime()) : end - taskRunStart_;
+  // The mode in force now counts: a run that switched to virtual time has
+  // been re-stamped at the switch.
+  TaskTimeDuration const used = taskShouldYieldMode_ == TaskShouldYieldMode::virtualTime
+                                    ? time2Duration(Tamlo::time() - scheduler.runStartTime())
+                                    : end - taskRunStart_;
   taskRunAccount(used);
   taskHistoryInsert(end, EventType::runEnd);
   taskBusyIs(taskScheduled(), end);

@@ -152,10 +152,11 @@ void TaskScheduler::handleSchedulerRun() {
     schedulerHasRunnableTasksIs(false, now);
     return;
   }
-  // Held for the whole run: the task may drop its last owner while running.
-  runningTask_ = std::static_pointer_cast<TaskImpl>(task->shared_from_this());
   TaskTimePoint end;
   try {
+    // Held for the whole run: the task may drop its last owner while running.
+    // A task no shared pointer owns throws std::bad_weak_ptr here.
+    runningTask_ = std::static_pointer_cast<TaskImpl>(task->shared_from_this());
     task->taskDoRun(now, end);
   } catch (...) {
     runningTask_.reset();

@@ -7,6 +7,7 @@
 
 #include <Tamlo/Assert.h>
 #include <Tamlo/FdToStream.h>
+#include <Tamlo/TaskScheduler.h>
 
 namespace Tamlo {
 
@@ -65,17 +66,26 @@ void TaskSchedulerHistory::insertTaskEvent(TaskTimePoint now, EventType type,
                                            ConstStringRef const& taskDisplayName) {
   TAMLO_ASSERT(type <= lastEventType, "unexpected eventType={}", number(type));
   TAMLO_ASSERT(type <= lastTaskEventType, "EventType: {}", number(type));
-  insert(now, type, taskDisplayName);
+  pushFront(now, type, taskDisplayName);
 }
 
 void TaskSchedulerHistory::insertSchedulerEvent(TaskTimePoint now, EventType type,
                                                 ConstStringRef const& schedulerName) {
   TAMLO_ASSERT(type <= lastEventType, "unexpected eventType={}", number(type));
   TAMLO_ASSERT(type > lastTaskEventType, "EventType: {}", number(type));
-  insert(now, type, schedulerName);
+  pushFront(now, type, schedulerName);
 }
 
-void TaskSchedulerHistory::insert(TaskTimePoint now, EventType type, ConstStringRef const& name) {
+void TaskSchedulerHistory::insert(TaskTimePoint now, EventType type, TaskImpl* task) {
+  insertTaskEvent(now, type, task->taskDisplayNameRef());
+}
+
+void TaskSchedulerHistory::insert(TaskTimePoint now, EventType type, TaskScheduler* scheduler) {
+  insertSchedulerEvent(now, type, scheduler->schedulerNameRef());
+}
+
+void TaskSchedulerHistory::pushFront(TaskTimePoint now, EventType type,
+                                     ConstStringRef const& name) {
   // A full ring reuses its oldest slot: the event is moved into place and the
   // name it displaces is released, so nothing is allocated here.
   events_.push_front(Event(type, now, name));

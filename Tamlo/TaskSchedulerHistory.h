@@ -25,6 +25,9 @@
 
 namespace Tamlo {
 
+class TaskImpl;
+class TaskScheduler;
+
 class TaskSchedulerHistory {
  public:
   // Up to fdWritable an event concerns a task, from schedulerIdle on a
@@ -98,12 +101,16 @@ class TaskSchedulerHistory {
   // Where the root's task and scheduler names are interned.
   ConstStringCache& stringCache() { return stringCache_; }
 
-  // Record a task event (schedule..fdWritable) for the task whose display
-  // name is given; a scheduler type fails with "EventType: <n>", an unknown
-  // one with "unexpected eventType=<n>".
+  // Record a task event (schedule..fdWritable) under the task's display
+  // name; a scheduler type fails with "EventType: <n>", an unknown one with
+  // "unexpected eventType=<n>".
+  void insert(TaskTimePoint now, EventType type, TaskImpl* task);
+  // Record a scheduler event (schedulerIdle..schedulerTestYieldRatioOff)
+  // under the scheduler's name; other types fail as for a task.
+  void insert(TaskTimePoint now, EventType type, TaskScheduler* scheduler);
+  // The same under a name already interned in stringCache(), for code that
+  // holds the name but not the object (and for tests of the ring itself).
   void insertTaskEvent(TaskTimePoint now, EventType type, ConstStringRef const& taskDisplayName);
-  // Record a scheduler event (schedulerIdle..schedulerTestYieldRatioOff);
-  // other types fail as in insertTaskEvent.
   void insertSchedulerEvent(TaskTimePoint now, EventType type, ConstStringRef const& schedulerName);
 
   // The capacity of the ring, not the number of events stored.
@@ -147,7 +154,7 @@ class TaskSchedulerHistory {
   bool renderTraceEvents(int fd, std::string_view processName, int64_t pid) const;
 
  private:
-  void insert(TaskTimePoint now, EventType type, ConstStringRef const& name);
+  void pushFront(TaskTimePoint now, EventType type, ConstStringRef const& name);
 
   ConstStringCache stringCache_;
   // Newest at the front. Declared after the cache so that its names are

@@ -8,7 +8,7 @@
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Assert.h>
 #include <Tamlo/FmtraceCpp.h>
-#include <Tamlo/LibeventFactoryCpp.h>
+#include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Thread.h>
 
 namespace Tamlo {
@@ -18,6 +18,9 @@ using Platform::EventPriority;
 namespace {
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
+
+// The latest expiry whose tick, floor(expiry × 100), still fits in 64 bits.
+constexpr double maxExpiry = (0x1p64 - 0x1p14) / TimerWheel::ticksPerSecond;
 
 Platform::DebugHandler const* trace() {
   static std::shared_ptr<Platform::DebugHandler> const handle =
@@ -108,26 +111,34 @@ void TimerWheel::masterTimerSet(double delay) {
 
 void TimerWheel::timerStart(TimerWheelEvent* event, double timeout) {
   TAMLO_ASSERT_IN("TimerWheel", !std::isnan(timeout), "Invalid timeout {}", timeout);
-  // As for libevent timers: one that never expires is an idle one, and a
-  // finite timeout longer than any process lives is cut.
+  // As for libevent timers: one that never expires is an idle one.
   if (timeout == infinity) {
     timerStop(event);
     return;
   }
-  timeout = std::min(timeout, Impl::maxTimeoutSeconds);
-  timerStart(event, timeout, Tamlo::time() + timeout);
+  timerStart(event, timeout, std::min(Tamlo::time() + timeout, maxExpiry));
 }
 
 void TimerWheel::timerStartAtForTest(TimerWheelEvent* event, double expireAt) {
   timerStart(event, expireAt - Tamlo::time(), expireAt);
 }
 
+void TimerWheel::checkArmedHere(TimerWheelEvent const* event) const {
+  TAMLO_ASSERT_IN("TimerWheel", event->armedWheel_ == this,
+                  "timer {} is armed on wheel {}, not on wheel {}", fmt::ptr(event),
+                  fmt::ptr(event->armedWheel_), fmt::ptr(this));
+}
+
 void TimerWheel::timerStart(TimerWheelEvent* event, double timeout, double expireAt) {
-  if (expireAt == event->expirationTime_)
-    return;
-  if (event->expirationTime_ != infinity)
+  if (event->expirationTime_ != infinity) {
+    if (expireAt == event->expirationTime_) {
+      checkArmedHere(event);
+      return;
+    }
     timerStop(event);
+  }
   event->expirationTime_ = expireAt;
+  event->armedWheel_ = this;
   // An expiry before the clock's start is simply due.
   auto const tick =
       expireAt > 0 ? static_cast<timeout_t>(std::floor(expireAt * ticksPerSecond)) : timeout_t{0};
@@ -147,6 +158,7 @@ void TimerWheel::timerStop(TimerWheelEvent* event) {
   TAMLO_TRACE(trace(), 9, "timer {} del timeout", fmt::ptr(event));
   switch (event->state()) {
     case TimerWheelState::inTimerWheel:
+      checkArmedHere(event);
       timeouts_del(timeouts_, event->link());
       break;
     case TimerWheelState::notLinked:
@@ -166,6 +178,7 @@ void TimerWheel::timersExpiryingSoonRemove(TimerWheelEvent* event) {
   TAMLO_ASSERT_IN("TimerWheel", event->state() == TimerWheelState::inTimersExpiryingSoon,
                   "Removing from timersExpiryingSoon in state {}", event->state());
   TAMLO_ASSERT_IN("TimerWheel", event->link()->pending != nullptr, "No timersAtTimeout");
+  checkArmedHere(event);
   timeout_list_remove(event->link());
 }
 
@@ -251,6 +264,9 @@ void TimerWheel::timeout() {
     // The master timer has fired and this pass does not arm it again, so it
     // is off: the next timerStart() arms it for what is left.
     masterExpiry_ = infinity;
+    // The master timer's delivery still offers the exception to this wheel.
+    if (keepAlive.use_count() == 1)
+      Impl::keepWhileUnwinding(keepAlive);
     throw;
   }
   if (entry != timersExpiryingSoon_.end())

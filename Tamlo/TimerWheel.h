@@ -98,6 +98,10 @@ class TimerWheelEvent {
 
  private:
   friend class TimerWheel;
+
+  // The wheel the event was last armed on: arming or stopping an armed event
+  // on another wheel is an assertion failure, not a corrupted wheel.
+  TimerWheel const* armedWheel_ = nullptr;
   friend TimerWheelEvent* timeoutLink2TimerWheelEvent(struct timeout* link);
 
   static TimerWheelState timeoutFlagsToState(int flags);
@@ -146,9 +150,11 @@ class TimerWheel : private Platform::TimeoutHandler,
 
   // Arms `event` to expire `timeout` seconds from now, replacing an earlier
   // arming; the same absolute expiry again changes nothing. +infinity stops
-  // it, as for every timer control.
+  // it, as for every timer control. An expiry whose tick does not fit in 64
+  // bits (about 5.8e9 years) is cut to the last one that does.
   void timerStart(TimerWheelEvent* event, double timeout);
-  // Disarms `event`; harmless when it is not armed.
+  // Disarms `event`; harmless when it is not armed. An event armed on
+  // another wheel is an assertion failure naming both wheels.
   void timerStop(TimerWheelEvent* event);
   // Delivers one expiry: the event becomes idle, then its timeout() runs.
   void timerExpired(TimerWheelEvent* event) const;
@@ -171,6 +177,8 @@ class TimerWheel : private Platform::TimeoutHandler,
 
  private:
   void timerStart(TimerWheelEvent* event, double timeout, double expireAt);
+  // Assertion failure unless the armed `event` is on this wheel.
+  void checkArmedHere(TimerWheelEvent const* event) const;
   // Reads Tamlo::time(), moves the wheel to its tick and returns it.
   double updateCurrentTime();
   void timersExpiryingSoonRemove(TimerWheelEvent* event);

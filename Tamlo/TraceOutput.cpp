@@ -54,10 +54,10 @@ void flagIs(bool& field, bool on) {
   std::atomic_ref<bool>(field).store(on, std::memory_order_relaxed);
 }
 
-// The trace destination, guarded by the library lock: the TRACEFILE last
-// tried (kept after a failure, so that a name that cannot be opened is
-// reported once, not at every setupTamloDebug) and its descriptor, -1 for
-// standard error.
+// The trace destination, guarded by the library lock: the name of the open
+// TRACEFILE and its descriptor, or an empty name and -1 for standard error. A
+// name that failed to open is forgotten, so the next setupTamloDebug tries it
+// again (its directory may exist by then) and reports each failure.
 int traceFileFd = -1;
 std::string& traceFileName() {
   static std::string* const name = new std::string;  // outlives static destructors
@@ -220,9 +220,11 @@ void Impl::openTraceFileFromEnvironment() {
     ::close(traceFileFd);
   name = wanted;
   traceFileFd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (traceFileFd < 0)
+  if (traceFileFd < 0) {
+    name.clear();
     writeStderr(fmt::format(
         "Error opening TRACEFILE={}\nDefaulting to std::cerr for trace output.\n", wanted));
+  }
 }
 
 namespace Platform {

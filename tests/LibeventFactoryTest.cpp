@@ -3,6 +3,7 @@
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Thread.h>
+#include <Tamlo/TimerWheel.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,10 +12,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <cmath>
+#include <csignal>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <thread>
 #include <vector>
 
@@ -314,6 +318,55 @@ TEST(LibeventLoopTest, ClaimedExceptionsAreSwallowedUnclaimedLeaveTheLoop) {
   callback->requestCallback();
   EXPECT_THROW(doEventLoop(), std::logic_error);
   EXPECT_EQ(callbackHandler.offered_, 2);
+}
+
+// A handler may destroy its own control, for a wheel timer the last reference
+// to its wheel, and then throw: the exception leaves the loop, and nothing
+// freed is touched on its way (AddressSanitizer builds check that).
+TEST(LibeventLoopTest, AHandlerMayDestroyItsControlAndThrow) {
+  struct Destroyer : TimeoutHandler, CallbackHandler, FdEventHandler {
+    void timeout() override { destroyAndThrow(); }
+    void callback() override { destroyAndThrow(); }
+    void readFdEvent(int) override { destroyAndThrow(); }
+    void writeFdEvent(int) override {}
+    void destroyAndThrow() {
+      timer_.reset(), callback_.reset(), fd_.reset();
+      throw std::runtime_error("destroyed");
+    }
+    std::shared_ptr<TimerControl> timer_;
+    std::shared_ptr<CallbackControl> callback_;
+    std::shared_ptr<FdControl> fd_;
+  };
+  int fds[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+  ASSERT_EQ(::write(fds[1], "x", 1), 1);
+  for (std::string const kind : {"libevent timer", "wheel timer", "callback", "fd"}) {
+    SCOPED_TRACE(kind);
+    Destroyer d;
+    auto wheel = Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault);  // moved: d's alone
+    if (kind == "callback")
+      (d.callback_ = getCallbackControl(&d))->requestCallback();
+    else if (kind == "fd")
+      (d.fd_ = getFdControl(&d))->setFd(fds[0]);
+    else
+      (d.timer_ =
+           kind == "libevent timer" ? getTimerControl(&d) : getTimerControl(&d, std::move(wheel)))
+          ->setTimeout(0);
+    EXPECT_THROW(doEventLoop(60.0), std::runtime_error);
+    EXPECT_TRUE(!d.timer_ && !d.callback_ && !d.fd_);
+  }
+  ::close(fds[0]), ::close(fds[1]);
+}
+
+// Nobody could rethrow it later without blaming an unrelated loop call.
+TEST(LibeventLoopTest, AnExceptionEscapingADispatchRunDirectlyEndsTheProcess) {
+  auto const run = Tamlo::Test::runHelper("LibeventHelper", {"rawdispatch"}, {},
+                                          {"TRACE", "TRACEFILE", "TRACEFORMAT"});
+  EXPECT_EQ(run.signal, SIGABRT);
+  EXPECT_EQ(run.out, "");
+  EXPECT_THAT(run.err, AllOf(HasSubstr("A handler exception escaped a dispatch run outside "
+                                       "Tamlo's loop functions"),
+                             HasSubstr("std::runtime_error"), HasSubstr("raw failed")));
 }
 
 TEST(LibeventLoopTest, EvLoopBreakEndsTheDispatchAndRemovesItsEvent) {

@@ -540,20 +540,30 @@ TEST(TaskSchedulerLifeTest, RootsAndTasksLeaveNothingBehind) {
   EXPECT_EQ(Tamlo::AllocatorStats::liveAllocations(), before);
 }
 
+// Rows: a run that throws, and a task that no shared pointer owns, whose turn
+// fails with std::bad_weak_ptr before its run starts.
 TEST(TaskSchedulerLifeTest, AnExceptionFromARunLeavesTheSchedulerUsable) {
-  std::string journal;
-  auto const root = TaskSchedulerRoot::TaskSchedulerRootIs("throws");
-  auto const thrower = makeTask(root, TaskPriority::high, "thrower",
-                                [](FunctionTask&) { throw std::runtime_error("run failed"); });
-  auto const next = makeTask(root, TaskPriority::normal, "next", journalRuns(journal, 1));
-  thrower->scheduleTask();
-  next->scheduleTask();
-  EXPECT_THROW(runLoop(), std::runtime_error);
-  EXPECT_EQ(root->runningTask(), nullptr);
-  EXPECT_FALSE(thrower->taskCurrentlyRunning());
-  EXPECT_EQ(thrower.use_count(), 1);
-  runLoop();
-  EXPECT_EQ(journal, "next");
+  for (bool const owned : {true, false}) {
+    SCOPED_TRACE(owned ? "throwing run" : "unowned task");
+    std::string journal;
+    auto const root = TaskSchedulerRoot::TaskSchedulerRootIs("throws");
+    std::shared_ptr<FunctionTask> const shared =
+        owned ? makeTask(root, TaskPriority::high, "thrower",
+                         [](FunctionTask&) { throw std::runtime_error("run failed"); })
+              : nullptr;
+    std::unique_ptr<FunctionTask> const unowned =
+        owned ? nullptr : std::make_unique<FunctionTask>(root, TaskPriority::high, "unowned");
+    FunctionTask& thrower = owned ? *shared : *unowned;
+    auto const next = makeTask(root, TaskPriority::normal, "next", journalRuns(journal, 1));
+    thrower.scheduleTask();
+    next->scheduleTask();
+    EXPECT_THROW(runLoop(), std::exception);
+    EXPECT_EQ(root->runningTask(), nullptr);
+    EXPECT_FALSE(thrower.taskCurrentlyRunning());
+    EXPECT_EQ(shared.use_count(), owned ? 1 : 0);
+    runLoop();
+    EXPECT_EQ(journal, "next");
+  }
 }
 
 }  // namespace

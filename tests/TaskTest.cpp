@@ -100,6 +100,26 @@ TEST_F(TaskTest, DestroyingATaskUnschedulesUnregistersAndCountsItUnlessLeftOut) 
 
 // ---- Scheduling and suspension ----
 
+// The task form records under the display name, the scheduler form under the
+// scheduler's name, each refusing the other kind.
+TEST_F(TaskTest, HistoryRecordsTasksAndSchedulersUnderTheirNames) {
+  auto const task = makeTask(root_, TaskPriority::normal, "reader");
+  Tamlo::TaskSchedulerHistory& history = *root_->history();
+  history.insert(Tamlo::TaskTimePoint(1ns), EventType::schedule, task.get());
+  history.insert(Tamlo::TaskTimePoint(2ns), EventType::schedulerIdle, root_.get());
+  EXPECT_EQ(history.event(1).display(), "schedule     N reader");
+  EXPECT_EQ(history.event(0).display(), "schedulerIdle tasks");
+  EXPECT_THAT(assertionText([&] {
+                history.insert(Tamlo::TaskTimePoint(3ns), EventType::schedulerIdle, task.get());
+              }),
+              EndsWith("EventType: 17"));
+  EXPECT_THAT(assertionText([&] {
+                history.insert(Tamlo::TaskTimePoint(3ns), EventType::fdWritable, root_.get());
+              }),
+              EndsWith("EventType: 16"));
+  EXPECT_EQ(history.event(0).display(), "schedulerIdle tasks");
+}
+
 TEST_F(TaskTest, SchedulingAQueuedTaskAgainKeepsItsPlace) {
   std::string journal;
   auto const first = makeTask(root_, TaskPriority::normal, "a", journalRuns(journal, 1));
@@ -247,6 +267,29 @@ TEST_F(TaskVirtualTimeTest, ViolationsAreCountedAtTwiceAndAtFiveTimesTheQuantum)
   EXPECT_GE(unbounded->taskRunTimeHighWaterMark(), 30s);
 }
 
+// The mode in force when the run ends measures it; a switch to virtual time
+// inside the run starts the measure at the switch.
+TEST_F(TaskVirtualTimeTest, TheModeAtTheEndOfARunMeasuresIt) {
+  struct Row {
+    Mode before, after;
+    uint32_t violations500;
+  };
+  for (Row const& row :
+       {Row{Mode::realTime, Mode::virtualTime, 1}, Row{Mode::virtualTime, Mode::realTime, 0}}) {
+    SCOPED_TRACE(static_cast<int>(row.before));
+    auto const task = makeTask(root_, TaskPriority::normal, "switcher", [&](FunctionTask& self) {
+      if (row.after == Mode::virtualTime)
+        self.taskShouldYieldModeIs(row.after);
+      Tamlo::Platform::fastForwardBy(1.0);
+      self.taskShouldYieldModeIs(row.after);
+    });
+    task->taskShouldYieldModeIs(row.before);
+    task->taskRunFromTest();
+    EXPECT_EQ(task->taskQuantumViolation500(), row.violations500);
+    EXPECT_EQ(task->taskRunTimeHighWaterMark() >= 1s, row.violations500 == 1);
+  }
+}
+
 // ---- Yielding ----
 
 TEST_F(TaskVirtualTimeTest, YieldsOnceTheQuantumHasPassedInVirtualTime) {
@@ -357,13 +400,23 @@ TEST_F(TaskTest, RunsFromTestsActAsPicksAndTurnsWould) {
   EXPECT_FALSE(root_->schedulerRunPending());
 }
 
-TEST(TaskFatalTest, ATaskDestroyedByItsOwnRunEndsTheProcess) {
-  auto const result = Tamlo::Test::runHelper("SchedulerHelper", {"selfdestroy"}, {},
-                                             {"TRACE", "TRACEFILE", "TRACEFORMAT"});
-  EXPECT_EQ(result.signal, SIGABRT);
-  EXPECT_THAT(result.err,
-              ::testing::HasSubstr("TaskImpl::taskDoRun() Task: doomed taskMagicNumber: 3735936685 "
-                                   "taskMagicNumberConstructed: 1119771390\n"));
+TEST(TaskFatalTest, ATaskDestroyedTwiceEndsTheProcess) {
+  struct Row {
+    char const* mode;
+    char const* message;
+  };
+  for (Row const& row :
+       {Row{"selfdestroy",
+            "TaskImpl::taskDoRun() Task: doomed taskMagicNumber: 3735936685 "
+            "taskMagicNumberConstructed: 1119771390\n"},
+        // Unscheduled first, or the message would be "scheduled on unregister".
+        Row{"destroyagain", "TaskScheduler::taskUnregister() Task: N doomed not registered\n"}}) {
+    SCOPED_TRACE(row.mode);
+    auto const result = Tamlo::Test::runHelper("SchedulerHelper", {row.mode}, {},
+                                               {"TRACE", "TRACEFILE", "TRACEFORMAT"});
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_THAT(result.err, ::testing::HasSubstr(row.message));
+  }
 }
 
 }  // namespace

@@ -552,6 +552,16 @@ TEST_F(TimerWheelTest, InconsistentStopsAreAssertions) {
   EXPECT_THAT(assertionText([&] { probe.setTimeout(wheel_, std::nan("")); }),
               EndsWith("TimerWheel::timerStart() Invalid timeout nan"));
   EXPECT_EQ(probe.state(), TimerWheelState::notLinked);
+
+  // Armed on one wheel, then stopped or armed on another.
+  auto const other = Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault);
+  probe.armOn(wheel_, 10);
+  std::string const mismatch =
+      fmt::format("timer {} is armed on wheel {}, not on wheel {}", ptr(&probe),
+                  fmt::ptr(wheel_.get()), fmt::ptr(other.get()));
+  EXPECT_THAT(assertionText([&] { other->timerStop(&probe); }), EndsWith(mismatch));
+  EXPECT_THAT(assertionText([&] { probe.setTimeout(other, 1); }), EndsWith(mismatch));
+  EXPECT_EQ(probe.state(), TimerWheelState::inTimerWheel);
 }
 
 // ---- Timer controls on a wheel ----
@@ -586,6 +596,26 @@ TEST_F(TimerWheelTest, WheelControlsKeepTheTimerControlContract) {
       assertionText([&] { getTimerControl(&handler, std::shared_ptr<TimerWheel>()); }),
       EndsWith(fmt::format("Tamlo::Platform::getTimerControl() No timer wheel for handler {}",
                            fmt::ptr(&handler))));
+}
+
+// Every delay a backend can hold is kept; longer ones are cut to its limit:
+// 2^62 s for libevent, the last expiry whose tick fits in 64 bits for a wheel.
+TEST_F(TimerWheelTest, LongDelaysAreKeptAndOnlyWhatCannotBeHeldIsCut) {
+  CountingTimer handler;
+  struct Row {
+    char const* backend;
+    std::shared_ptr<TimerControl> control;
+    double limit;
+  };
+  for (Row const& row : {Row{"libevent", getTimerControl(&handler), 0x1p62},
+                         Row{"wheel", getTimerControl(&handler, wheel_), 0x1p64 / 100}}) {
+    SCOPED_TRACE(row.backend);
+    row.control->setTimeout(1e15);
+    EXPECT_NEAR(row.control->remainingTimeout(), 1e15, 1.0);
+    row.control->setTimeout(1e300);
+    EXPECT_NEAR(row.control->remainingTimeout(), row.limit, row.limit * 1e-9);
+    row.control->delTimeout();
+  }
 }
 
 TEST_F(TimerWheelTest, ControlsAndWheelsLeaveNoAllocationBehind) {

@@ -74,6 +74,13 @@ TEST_F(VirtualTimeTest, FastForwardByMovesTimeByExactlyTheAmount) {
 
   std::vector<JournalTimer::Entry> journal;
   JournalTimer timer(&journal, "t", 2.0);
+  // A zero delta touches no timer: re-adding would push each a little later.
+  timeval first, after;
+  ASSERT_EQ(event_base_get_first_timeout(Tamlo::ev_base, &first), 0);
+  timeval const zero{0, 0};
+  EXPECT_EQ(event_base_timeout_subtract_offset(Tamlo::ev_base, &zero), 0);
+  ASSERT_EQ(event_base_get_first_timeout(Tamlo::ev_base, &after), 0);
+  EXPECT_EQ(first.tv_sec * 1000000 + first.tv_usec, after.tv_sec * 1000000 + after.tv_usec);
   fastForwardBy(5);
   EXPECT_TRUE(journal.empty());  // the loop is not run here
   EXPECT_EQ(timer.control_->remainingTimeout(), 0.0);

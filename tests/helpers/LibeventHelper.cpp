@@ -4,6 +4,8 @@
 //   fork     a timer armed before fork() fires in both processes
 //   log      feeds libevent messages of each severity to the log callback
 //   badfd    binds an fd control to a descriptor that is not open (aborts)
+//   rawdispatch  a timer handler throws inside event_base_dispatch called
+//            directly, then a loop function runs (aborts at the throw)
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -64,6 +67,22 @@ int logMode() {
   return 0;
 }
 
+int rawDispatchMode() {
+  struct ThrowingTimer : Tamlo::Platform::TimeoutHandler {
+    void timeout() override { throw std::runtime_error("raw failed"); }
+  } handler;
+  auto const timer = Tamlo::Platform::getTimerControl(&handler);
+  timer->setTimeout(0.0);
+  event_base_dispatch(Tamlo::ev_base);
+  std::puts("dispatch returned");
+  try {
+    Tamlo::Platform::doEventLoop();
+  } catch (...) {
+    std::puts("a later loop threw");
+  }
+  return 0;
+}
+
 int badFdMode() {
   IgnoringFd handler;
   auto const control = Tamlo::Platform::getFdControl(&handler);
@@ -83,6 +102,8 @@ int main(int argc, char** argv) {
     return logMode();
   if (std::strcmp(mode, "badfd") == 0)
     return badFdMode();
+  if (std::strcmp(mode, "rawdispatch") == 0)
+    return rawDispatchMode();
   std::fprintf(stderr, "unknown mode '%s'\n", mode);
   return 2;
 }

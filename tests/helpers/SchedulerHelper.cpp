@@ -113,6 +113,17 @@ int fdReadOffMode() {
   return 0;
 }
 
+int destroyAgainMode() {
+  auto const root = Tamlo::schedulerRootTamlo();
+  auto const bystander = Tamlo::makeShared<DoomedTask>(root);  // keeps the count above 0
+  auto task = Tamlo::makeShared<DoomedTask>(root);
+  task->handleDestroy();
+  task->scheduleTask();
+  task.reset();
+  std::puts("destroyed silently");
+  return 0;
+}
+
 struct Mode {
   std::string_view name;
   int (*run)();
@@ -120,6 +131,7 @@ struct Mode {
 
 constexpr Mode modes[] = {
     {"selfdestroy", selfDestroyMode},
+    {"destroyagain", destroyAgainMode},
     {"timertrace", timerTraceMode},
     {"jitter101", [] { return timerTask()->scheduleTaskJitterUp(1s, 101), 0; }},
     {"lowestnever",

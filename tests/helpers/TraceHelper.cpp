@@ -8,7 +8,10 @@
 //                                  handle "Tamlo" at level 1, then at level 2
 //   TraceHelper reopen FILE        traces "before", switches TRACEFILE to
 //                                  FILE, traces "after"
+//   TraceHelper retry DIR          traces "before", sets up again, makes DIR,
+//                                  sets up again, traces "after"
 //   TraceHelper threads N LINES    N threads each trace LINES long lines
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
@@ -52,6 +55,17 @@ int reopen(char const* file) {
   return 0;
 }
 
+int retry(char const* directory) {
+  auto const handle = getDebugHandler("Tamlo");
+  TAMLO_TRACE(handle, 0, "before");
+  Tamlo::Platform::setupTamloDebug("");
+  if (mkdir(directory, 0700) != 0)
+    return 1;
+  Tamlo::Platform::setupTamloDebug("");
+  TAMLO_TRACE(handle, 0, "after");
+  return 0;
+}
+
 // Each line carries its thread and sequence number around a long filler, so
 // that a torn or interleaved line cannot pass for a whole one.
 int traceFromThreads(int threadCount, int lineCount) {
@@ -87,8 +101,10 @@ int main(int argc, char** argv) {
     return traceTexts(argc, argv);
   if (mode == "reopen" && argc == 3)
     return reopen(argv[2]);
+  if (mode == "retry" && argc == 3)
+    return retry(argv[2]);
   if (mode == "threads" && argc == 4)
     return traceFromThreads(std::atoi(argv[2]), std::atoi(argv[3]));
-  std::fprintf(stderr, "usage: TraceHelper levels|dump|format|trace|reopen|threads ...\n");
+  std::fprintf(stderr, "usage: TraceHelper levels|dump|format|trace|reopen|retry|threads ...\n");
   return 2;
 }
