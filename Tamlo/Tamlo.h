@@ -16,6 +16,7 @@
 #include <Tamlo/FmtraceCpp.h>
 #include <Tamlo/ForkHandler.h>
 #include <Tamlo/HashMix.h>
+#include <Tamlo/HeapCheck.h>
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Locking.h>
