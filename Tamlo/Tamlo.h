@@ -4,6 +4,7 @@
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Assert.h>
 #include <Tamlo/Backtrace.h>
+#include <Tamlo/ElfFile.h>
 #include <Tamlo/CheckIncompat.h>
 #include <Tamlo/ConstStringCache.h>
 #include <Tamlo/Counters.h>
@@ -21,9 +22,11 @@
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Locking.h>
 #include <Tamlo/Loco.h>
+#include <Tamlo/Mappings.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Plugin.h>
 #include <Tamlo/Random.h>
+#include <Tamlo/RemoteTypeName.h>
 #include <Tamlo/Task.h>
 #include <Tamlo/TaskKey.h>
 #include <Tamlo/TaskMaybeU32.h>
