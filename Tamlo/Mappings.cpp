@@ -199,19 +199,19 @@ Mappings Mappings::ofFile(std::string const& path, std::string const& owner) {
     if (file.get() < 0)
       throwReadFailure(errno, owner, path);
     std::string text;
-    size_t used = 0;
+    // Appended from the stack rather than read into a grown string: a large
+    // transient block makes malloc grow and trim the heap on every call.
+    char chunk[16384];
     for (;;) {
-      text.resize(used + 65536);
-      ssize_t const got = ::read(file.get(), text.data() + used, text.size() - used);
+      ssize_t const got = ::read(file.get(), chunk, sizeof chunk);
       if (got < 0 && errno == EINTR)
         continue;
       if (got < 0)
         throwReadFailure(errno, owner, path);
       if (got == 0)
         break;
-      used += static_cast<size_t>(got);
+      text.append(chunk, static_cast<size_t>(got));
     }
-    text.resize(used);
     try {
       return parse(text, path);
     } catch (CorruptionDetectedException const&) {
