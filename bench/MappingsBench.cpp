@@ -79,7 +79,7 @@ void BM_FindMillion(benchmark::State& state) {
   state.counters["hitShare"] = static_cast<double>(hits) / lookupCount;
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * lookupCount));
 }
-BENCHMARK(BM_FindMillion)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FindMillion);
 
 void BM_UpperBoundMillion(benchmark::State& state) {
   struct Range {
@@ -104,7 +104,7 @@ void BM_UpperBoundMillion(benchmark::State& state) {
   state.counters["hitShare"] = static_cast<double>(hits) / lookupCount;
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * lookupCount));
 }
-BENCHMARK(BM_UpperBoundMillion)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UpperBoundMillion);
 
 }  // namespace
 
