@@ -4,12 +4,12 @@
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Assert.h>
 #include <Tamlo/Backtrace.h>
-#include <Tamlo/ElfFile.h>
 #include <Tamlo/CheckIncompat.h>
 #include <Tamlo/ConstStringCache.h>
 #include <Tamlo/Counters.h>
 #include <Tamlo/Debug.h>
 #include <Tamlo/DisplayPointer.h>
+#include <Tamlo/ElfFile.h>
 #include <Tamlo/Errno.h>
 #include <Tamlo/EventBaseTimers.h>
 #include <Tamlo/Exception.h>
