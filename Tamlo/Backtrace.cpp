@@ -2,15 +2,21 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <algorithm>
 #include <boost/circular_buffer.hpp>
 #include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 #include <mutex>
+#include <ostream>
 
 #include <fmt/format.h>
+
+#include <Tamlo/HeapCheck.h>
+#include <Tamlo/Thread.h>
 
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
@@ -118,22 +124,39 @@ namespace {
 struct Tracked {
   std::mutex mutex;
   boost::circular_buffer<BacktraceTracker::Entry> ring{BacktraceTracker::defaultCapacity};
+  uint64_t recorded = 0;
 };
 
 Tracked& tracked() {
   // Deliberately leaked: exceptions may be made during process exit, after
   // every static destructor has run.
-  static Tracked* const instance = new Tracked;
+  static Tracked* const instance = HeapCheck::keepForProcessLifetime(new Tracked);
   return *instance;
+}
+
+// "YYYY-mm-dd HH:MM:SS.uuuuuu" in local time, as trace lines show it.
+std::string localTimeText(std::chrono::system_clock::time_point time) {
+  auto const sinceEpoch = time.time_since_epoch();
+  auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+  auto const micros = std::chrono::duration_cast<std::chrono::microseconds>(sinceEpoch - seconds);
+  time_t const whole = static_cast<time_t>(seconds.count());
+  tm parts{};
+  char text[32];
+  if (!localtime_r(&whole, &parts) || std::strftime(text, sizeof text, "%F %T", &parts) == 0)
+    return fmt::format("{}.{:06} seconds since the epoch", whole, micros.count());
+  return fmt::format("{}.{:06}", text, micros.count());
 }
 
 }  // namespace
 
 void BacktraceTracker::backtraceIs(std::string const& message, Backtrace const& backtrace) {
+  Entry entry{0, Tamlo::gettid(), std::chrono::system_clock::now(), message, backtrace};
   Tracked& t = tracked();
   std::lock_guard<std::mutex> guard(t.mutex);
-  if (t.ring.capacity() > 0)
-    t.ring.push_back(Entry(message, backtrace));
+  if (t.ring.capacity() == 0)
+    return;
+  entry.sequence = ++t.recorded;
+  t.ring.push_back(std::move(entry));
 }
 
 void BacktraceTracker::capacityIs(size_t capacity) {
@@ -159,6 +182,36 @@ void BacktraceTracker::clear() {
   Tracked& t = tracked();
   std::lock_guard<std::mutex> guard(t.mutex);
   t.ring.clear();
+}
+
+void BacktraceTracker::render(std::ostream& out) {
+  out << renderString();
+}
+
+std::string BacktraceTracker::renderString() {
+  std::vector<Entry> kept;
+  uint64_t recorded = 0;
+  size_t capacity = 0;
+  {
+    Tracked& t = tracked();
+    std::lock_guard<std::mutex> guard(t.mutex);
+    kept.assign(t.ring.begin(), t.ring.end());
+    recorded = t.recorded;
+    capacity = t.ring.capacity();
+  }
+  std::string text = fmt::format("Tracked backtraces: {} kept of {} recorded, capacity {}\n",
+                                 kept.size(), recorded, capacity);
+  for (Entry const& entry : kept) {
+    fmt::format_to(std::back_inserter(text), "[{}] {} thread {}: {}\n", entry.sequence,
+                   localTimeText(entry.time), entry.threadId, entry.message);
+    std::string const frames = entry.backtrace.pretty();
+    for (size_t start = 0; start < frames.size();) {
+      size_t const end = std::min(frames.find('\n', start), frames.size());
+      text.append("  ").append(frames, start, end - start).push_back('\n');
+      start = end + 1;
+    }
+  }
+  return text;
 }
 
 }  // namespace Tamlo

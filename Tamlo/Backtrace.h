@@ -3,7 +3,11 @@
 // function names, offsets and shared objects only when printed.
 #pragma once
 
+#include <sys/types.h>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <iosfwd>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,22 +46,43 @@ class Backtrace {
   std::vector<void*> frames_;
 };
 
-// Keeps the most recent (message, backtrace) pairs, for example of every
-// Tamlo::Exception made, so they can be listed after the fact. A ring: when
-// full, a new entry drops the oldest. Thread-safe; usable during process exit.
+// Keeps the most recent backtraces recorded with a message (every
+// Tamlo::Exception made records its own), so that they can be listed after
+// the fact. A ring: when full, a new entry drops the oldest. Thread-safe;
+// usable during process exit.
 class BacktraceTracker {
  public:
   static constexpr size_t defaultCapacity = 16;
-  using Entry = std::pair<std::string, Backtrace>;
+
+  struct Entry {
+    // 1 for the first entry recorded in the process; entries the ring has
+    // dropped still count, so gaps show how many were lost.
+    uint64_t sequence = 0;
+    // Kernel id of the thread that recorded it.
+    pid_t threadId = 0;
+    std::chrono::system_clock::time_point time;
+    std::string message;
+    Backtrace backtrace;
+  };
 
   static void backtraceIs(std::string const& message, Backtrace const& backtrace);
   // May be changed at any time; a smaller capacity keeps the newest entries.
-  // 0 stops the tracking.
+  // 0 stops the tracking (nothing is recorded or counted).
   static void capacityIs(size_t capacity);
   static size_t capacity();
   // Oldest first.
   static std::vector<Entry> entries();
+  // Empties the ring; the sequence numbers go on.
   static void clear();
+
+  // The ring as text, one line ending in a newline each: the heading
+  //   "Tracked backtraces: <kept> kept of <recorded> recorded, capacity <n>"
+  // then, oldest first, for each entry
+  //   "[<sequence>] <YYYY-mm-dd HH:MM:SS.uuuuuu local time> thread <id>: <message>"
+  // followed by its frames as Backtrace::pretty() writes them, indented by
+  // two blanks. Frames are named outside the tracker's lock.
+  static void render(std::ostream& out);
+  static std::string renderString();
 };
 
 }  // namespace Tamlo

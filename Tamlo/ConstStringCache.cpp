@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <Tamlo/Assert.h>
+#include <Tamlo/HeapCheck.h>
 
 namespace Tamlo {
 
@@ -54,7 +55,7 @@ uint64_t ConstStringCache::refCount(std::string_view text) const {
 void ConstStringCache::keepOrphaned(std::unique_ptr<ElemSet> elems) {
   // Reachable from a never-destroyed static, so leak checkers stay quiet.
   static std::mutex mutex;
-  static auto* orphans = new std::vector<ElemSet*>;
+  static auto* const orphans = HeapCheck::keepForProcessLifetime(new std::vector<ElemSet*>);
   std::lock_guard<std::mutex> const guard(mutex);
   orphans->push_back(elems.release());
 }

@@ -11,6 +11,7 @@
 
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Assert.h>
+#include <Tamlo/HeapCheck.h>
 #include <Tamlo/Loco.h>
 
 namespace Tamlo {
@@ -38,7 +39,7 @@ void requireLoco(char const* what) {
 Registries& reg() {
   requireLoco("no loco");
   if (!registries)
-    registries = new Registries;
+    registries = HeapCheck::keepForProcessLifetime(new Registries);
   return *registries;
 }
 

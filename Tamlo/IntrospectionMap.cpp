@@ -2,6 +2,7 @@
 
 #include <unordered_map>
 
+#include <Tamlo/HeapCheck.h>
 #include <Tamlo/Loco.h>
 
 namespace Tamlo {
@@ -11,7 +12,8 @@ namespace {
 // Guarded by the library lock. Never destroyed, so lookups during process
 // exit still work.
 std::unordered_map<std::string, IntrospectionMap::RenderFunction>& renderers() {
-  static auto* const map = new std::unordered_map<std::string, IntrospectionMap::RenderFunction>;
+  static auto* const map = HeapCheck::keepForProcessLifetime(
+      new std::unordered_map<std::string, IntrospectionMap::RenderFunction>);
   return *map;
 }
 

@@ -6,6 +6,7 @@
 
 #include <Tamlo/Assert.h>
 #include <Tamlo/FmtraceCpp.h>
+#include <Tamlo/HeapCheck.h>
 #include <Tamlo/Loco.h>
 
 namespace Tamlo::Platform {
@@ -18,14 +19,15 @@ namespace {
 
 // Made on first use: plugins may be loaded from other static initialisers.
 DebugHandler const* pluginTrace() {
-  static std::shared_ptr<DebugHandler> const* const handle =
-      new std::shared_ptr<DebugHandler>(getDebugHandler("TamloPlugin"));
+  static std::shared_ptr<DebugHandler> const* const handle = HeapCheck::keepForProcessLifetime(
+      new std::shared_ptr<DebugHandler>(getDebugHandler("TamloPlugin")));
   return handle->get();
 }
 
 // Guarded by the library lock; plugins stay loaded for the process's life.
 std::unordered_map<std::string, Plugin*>& registry() {
-  static auto* const plugins = new std::unordered_map<std::string, Plugin*>;
+  static auto* const plugins =
+      HeapCheck::keepForProcessLifetime(new std::unordered_map<std::string, Plugin*>);
   return *plugins;
 }
 

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include <Tamlo/Exception.h>
+#include <Tamlo/HeapCheck.h>
 
 namespace Tamlo {
 
@@ -25,7 +26,7 @@ struct RandomState {
 
 // Never destroyed: threads still drawing during exit keep a valid state.
 RandomState& state() {
-  static auto* const randomState = new RandomState;
+  static auto* const randomState = HeapCheck::keepForProcessLifetime(new RandomState);
   return *randomState;
 }
 

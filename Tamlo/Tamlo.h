@@ -10,6 +10,7 @@
 #include <Tamlo/Debug.h>
 #include <Tamlo/DirNode.h>
 #include <Tamlo/DisplayPointer.h>
+#include <Tamlo/ElfFile.h>
 #include <Tamlo/Errno.h>
 #include <Tamlo/EventBaseTimers.h>
 #include <Tamlo/Exception.h>
@@ -19,14 +20,17 @@
 #include <Tamlo/FmtraceCpp.h>
 #include <Tamlo/ForkHandler.h>
 #include <Tamlo/HashMix.h>
+#include <Tamlo/HeapCheck.h>
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Locking.h>
 #include <Tamlo/Loco.h>
+#include <Tamlo/Mappings.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Plugin.h>
 #include <Tamlo/ProcInfo.h>
 #include <Tamlo/Random.h>
+#include <Tamlo/RemoteTypeName.h>
 #include <Tamlo/Socket.h>
 #include <Tamlo/Task.h>
 #include <Tamlo/TaskControl.h>

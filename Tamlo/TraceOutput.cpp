@@ -18,6 +18,7 @@
 
 #include <Tamlo/Debug.h>
 #include <Tamlo/Fmt.h>
+#include <Tamlo/HeapCheck.h>
 #include <Tamlo/Loco.h>
 #include <Tamlo/Thread.h>
 
@@ -60,7 +61,8 @@ void flagIs(bool& field, bool on) {
 // again (its directory may exist by then) and reports each failure.
 int traceFileFd = -1;
 std::string& traceFileName() {
-  static std::string* const name = new std::string;  // outlives static destructors
+  static std::string* const name =
+      HeapCheck::keepForProcessLifetime(new std::string);  // outlives static destructors
   return *name;
 }
 

@@ -56,7 +56,7 @@ class TrackerTest : public ::testing::Test {
   static std::vector<std::string> trackedMessages() {
     std::vector<std::string> messages;
     for (auto const& entry : Tamlo::BacktraceTracker::entries())
-      messages.push_back(entry.first);
+      messages.push_back(entry.message);
     return messages;
   }
 };
@@ -182,10 +182,10 @@ TEST_F(TrackerTest, RecordsEveryExceptionInOrder) {
   Tamlo::Exception const second("second", false);
   auto const entries = Tamlo::BacktraceTracker::entries();
   ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[0].first, "first");
-  EXPECT_EQ(entries[0].second.pretty(), first.backtrace().pretty());
-  EXPECT_EQ(entries[1].first, "second");
-  EXPECT_EQ(entries[1].second.frameCount(), 0u);
+  EXPECT_EQ(entries[0].message, "first");
+  EXPECT_EQ(entries[0].backtrace.pretty(), first.backtrace().pretty());
+  EXPECT_EQ(entries[1].message, "second");
+  EXPECT_EQ(entries[1].backtrace.frameCount(), 0u);
 }
 
 TEST_F(TrackerTest, RingKeepsTheNewestWhenFullAndWhenShrunk) {
