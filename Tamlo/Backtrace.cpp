@@ -25,11 +25,52 @@ namespace Tamlo {
 
 namespace {
 
+#if defined(__SANITIZE_THREAD__)
+#define TAMLO_STEP_UNWIND 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define TAMLO_STEP_UNWIND 1
+#endif
+#endif
+
+// unw_backtrace() keeps a per-thread frame cache whose thread-exit destructor
+// takes a mutex; under ThreadSanitizer that destructor runs after the
+// sanitizer has retired the thread and crashes it. The step-by-step walk
+// uses no per-thread cache, at some cost in speed, so ThreadSanitizer builds
+// use it.
+[[gnu::always_inline]] inline int walkStack(void** walked, int maxFrames) {
+#ifdef TAMLO_STEP_UNWIND
+  unw_context_t context;
+  unw_cursor_t cursor;
+  if (unw_getcontext(&context) != 0 || unw_init_local(&cursor, &context) != 0)
+    return 0;
+  int count = 0;
+  do {
+    unw_word_t ip = 0;
+    if (unw_get_reg(&cursor, UNW_REG_IP, &ip) != 0 || ip == 0)
+      break;
+    walked[count++] = reinterpret_cast<void*>(ip);
+  } while (count < maxFrames && unw_step(&cursor) > 0);
+  return count;
+#else
+  return unw_backtrace(walked, maxFrames);
+#endif
+}
+
+// libunwind sets itself up on the first walk behind an unsynchronised
+// "done" flag, so two threads making their first walks at once race. One
+// walk while the library loads, before the program can start threads,
+// settles that set-up for good.
+[[maybe_unused]] int const unwinderReady = [] {
+  void* walked[2];
+  return walkStack(walked, 2);
+}();
+
 // Inlined into each constructor so that frame 0 of the walk is always the
 // constructor itself, whatever the optimiser does with helper calls.
 [[gnu::always_inline]] inline void captureFrames(std::vector<void*>& frames, int skipFrames) {
   void* walked[Backtrace::maxFrames];
-  int const count = unw_backtrace(walked, Backtrace::maxFrames);
+  int const count = walkStack(walked, Backtrace::maxFrames);
   int const first = 1 + (skipFrames > 0 ? skipFrames : 0);
   if (count > first)
     frames.assign(walked + first, walked + count);

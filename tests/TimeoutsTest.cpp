@@ -508,9 +508,9 @@ class ModelCheck {
 };
 
 TEST(Timeouts, RandomOperationsMatchReferenceModel) {
-  // About 1.6 million operations; a quarter under AddressSanitizer, which
+  // About 1.6 million operations; a quarter under a sanitizer, which
   // slows every list and map operation several times.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   constexpr int kStepsPerSeed = 50'000;
 #else
   constexpr int kStepsPerSeed = 200'000;
