@@ -18,8 +18,8 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "TestSupport.h"

@@ -87,7 +87,6 @@ TEST(TaskControlTest, EachControlIsOneAllocationRegisteredAsATask) {
   EXPECT_EQ(recorder.root->tasksPerPriority(TaskPriority::low), 3u);
 }
 
-
 // Journals its notifications. A read notification consumes the input and
 // asks for one write notification, or with `throwing` throws instead; the
 // exception's offer turns reads off and answers `claims`.
