@@ -147,12 +147,13 @@ TEST(Timeouts, ReAddMovesPendingOrExpiredRecord) {
   timeouts_update(T.get(), kStart + kDay + 1);
   EXPECT_EQ(timeouts_get(T.get()), nullptr);  // no copy left at the old expiry
 
-  timeouts_add(T.get(), &to, 0);
+  T = openWheel(kStart);
+  timeouts_add(T.get(), &to, kStart - 1);
   ASSERT_TRUE(timeouts_expired(T.get()));
-  timeouts_add(T.get(), &to, timeouts_now(T.get()) + 7);  // expired -> pending
+  timeouts_add(T.get(), &to, kStart + 7);  // expired -> pending
   EXPECT_FALSE(timeouts_expired(T.get()));
   EXPECT_EQ(timeouts_timeout(T.get()), 7u);
-  timeouts_add(T.get(), &to, 0);  // and back to expired
+  timeouts_add(T.get(), &to, kStart);  // and back to expired
   EXPECT_FALSE(timeouts_pending(T.get()));
   EXPECT_EQ(drain(T.get()), (Records{&to}));
 }
