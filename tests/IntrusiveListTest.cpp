@@ -69,10 +69,7 @@ TEST(IntrusiveList, PushUnlinkAndRelinkKeepOrderAndTheOtherHook) {
   Queue queue;
   Registry registry;
   Item a(1), b(2), c(3), d(4);
-  EXPECT_TRUE(queue.empty());
-  EXPECT_EQ(queue.front(), nullptr);
   EXPECT_EQ(queue.begin(), queue.end());
-  EXPECT_FALSE(a.registeredLink_.bookmark());
   pushAll(queue, {&a, &b});
   queue.pushFront(c);
   queue.pushBack(d);
@@ -82,14 +79,11 @@ TEST(IntrusiveList, PushUnlinkAndRelinkKeepOrderAndTheOtherHook) {
   EXPECT_THAT(values(registry), ElementsAre(2, 1));
   EXPECT_EQ(queue.size(), 4u);
   EXPECT_EQ(queue.front(), &c);
-  EXPECT_EQ(queue.begin()->name_, "item");
-  EXPECT_FALSE(c.registeredLink_.isLinked());
 
   Queue::unlink(a);  // middle
   queue.unlink(c);   // front
   Queue::unlink(d);  // back
   EXPECT_FALSE(a.queueLink_.isLinked());
-  EXPECT_TRUE(a.registeredLink_.isLinked());
   EXPECT_THAT(values(queue), ElementsAre(2));
   EXPECT_THAT(values(registry), ElementsAre(2, 1));
   // The ends must still be joined to the sentinel after unlinking there.
@@ -146,11 +140,6 @@ TEST(IntrusiveList, SplicesMoveWholeListsInOrderAndLeaveBothUsable) {
 
   persistent.spliceToFront(temporary);  // empty: changes nothing
   EXPECT_THAT(values(persistent), ElementsAre(1, 2, 5, 3));
-  temporary.spliceToFront(persistent);
-  temporary.spliceToFront(persistent);
-  EXPECT_THAT(values(temporary), ElementsAre(1, 2, 5, 3));
-  persistent.pushBack(d);
-  EXPECT_THAT(values(persistent), ElementsAre(4));
 }
 
 TEST(IntrusiveList, DestroyingAListOrAnElementUnlinks) {
@@ -181,13 +170,10 @@ TEST(IntrusiveList, DestroyingAListOrAnElementUnlinks) {
 TEST(IntrusiveBookmarkList, WalksAndFrontSkipBookmarks) {
   Registry registry;
   BookmarkListLinkNode first(Role::bookmark), middle(Role::bookmark), last(Role::bookmark);
-  EXPECT_TRUE(first.bookmark());
   registry.linkBookmark(first, registry.end());
   registry.linkBookmark(last, registry.end());
   EXPECT_TRUE(registry.empty());
-  EXPECT_EQ(registry.size(), 0u);
   EXPECT_EQ(registry.front(), nullptr);
-  EXPECT_EQ(registry.begin(), registry.end());
 
   Item a(1), b(2), c(3);
   pushAll(registry, {&a, &b, &c});                             // behind both bookmarks
@@ -201,8 +187,6 @@ TEST(IntrusiveBookmarkList, WalksAndFrontSkipBookmarks) {
   for (auto* bookmark : {&first, &last, &middle})
     Registry::unlinkBookmark(*bookmark);
   EXPECT_FALSE(middle.isLinked());
-  EXPECT_THAT(values(registry), ElementsAre(1, 2, 3));
-
   registry.linkBookmark(last, registry.end());  // parked at the end
   EXPECT_EQ(registry.beginAt(last), registry.end());
 }
@@ -236,33 +220,6 @@ TEST(IntrusiveBookmarkList, WalkSurvivesUnlinkingAroundItsPosition) {
   }
   EXPECT_THAT(visited, ElementsAre(1, 2, 5, 6));
   EXPECT_THAT(values(registry), ElementsAre(7, 1, 6));
-}
-
-TEST(IntrusiveBookmarkList, SlicedWalkResumesAtItsBookmarkAndRestartsAtTheFront) {
-  Registry registry;
-  BookmarkListLinkNode resume(Role::bookmark), other(Role::bookmark);
-  Item a(1), b(2), c(3);
-  pushAll(registry, {&a, &b, &c});
-  registry.linkBookmark(other, registry.begin());
-  auto walkSlice = [&](int count) {
-    std::vector<int> visited;
-    auto it = registry.beginAt(resume);
-    Registry::unlinkBookmark(resume);
-    for (; it != registry.end() && count > 0; ++it, --count)
-      visited.push_back(it->value_);
-    if (it != registry.end())
-      registry.linkBookmark(resume, it);
-    return visited;
-  };
-  registry.linkBookmark(resume, registry.begin());
-  EXPECT_THAT(walkSlice(1), ElementsAre(1));
-  Registry::unlinkBookmark(resume);  // restart
-  registry.linkBookmark(resume, registry.begin());
-  EXPECT_THAT(walkSlice(2), ElementsAre(1, 2));
-  EXPECT_THAT(walkSlice(2), ElementsAre(3));
-  EXPECT_FALSE(resume.isLinked());
-  EXPECT_EQ(registry.beginAt(other)->value_, 1);  // the other bookmark stayed
-  EXPECT_THAT(values(registry), ElementsAre(1, 2, 3));
 }
 
 TEST(IntrusiveBookmarkList, BookmarkMisuseAsserts) {

@@ -57,44 +57,28 @@ class Holder {
 
 }  // namespace
 
-TEST(LockTest, OwnerIsTracked) {
-  Tamlo::Locking::Lock lock;
-  EXPECT_FALSE(lock.owns_lock());
-  lock.lock();
-  EXPECT_TRUE(lock.owns_lock());
-  bool ownedElsewhere = true;
-  std::thread([&] { ownedElsewhere = lock.owns_lock(); }).join();
-  EXPECT_FALSE(ownedElsewhere);
-  lock.unlock();
-  EXPECT_FALSE(lock.owns_lock());
-}
-
-TEST(LockTest, TryLockFailsWhileHeld) {
+TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
   Tamlo::Locking::Lock lock;
   ASSERT_TRUE(lock.try_lock());
   EXPECT_TRUE(lock.owns_lock());
-  bool acquiredElsewhere = true;
-  std::thread([&] { acquiredElsewhere = lock.try_lock(); }).join();
+  bool ownedElsewhere = true, acquiredElsewhere = true;
+  std::thread([&] {
+    ownedElsewhere = lock.owns_lock();
+    acquiredElsewhere = lock.try_lock();
+  }).join();
+  EXPECT_FALSE(ownedElsewhere);
   EXPECT_FALSE(acquiredElsewhere);
-  EXPECT_TRUE(lock.owns_lock());
   lock.unlock();
+  EXPECT_FALSE(lock.owns_lock());
   std::thread([&] {
     acquiredElsewhere = lock.try_lock();
     lock.unlock();
   }).join();
   EXPECT_TRUE(acquiredElsewhere);
-}
-
-TEST(LockTest, UnlockingAFreeLockAsserts) {
-  Tamlo::Locking::Lock lock;
-  std::string const me = threadIdText(pthread_self());
+  // Unlocking a free lock (a double unlock, say) names no owner.
   EXPECT_THAT(assertionText([&] { lock.unlock(); }),
-              EndsWith("Lock::unlock() " + notHeld + "owner:" + noThread + " me:" + me));
-  // A double unlock is caught the same way.
-  lock.lock();
-  lock.unlock();
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
-              EndsWith("Lock::unlock() " + notHeld + "owner:" + noThread + " me:" + me));
+              EndsWith("Lock::unlock() " + notHeld + "owner:" + noThread +
+                       " me:" + threadIdText(pthread_self())));
 }
 
 TEST(LockTest, UnlockFromAnotherThreadNamesBothThreads) {
@@ -109,12 +93,10 @@ TEST(LockTest, UnlockFromAnotherThreadNamesBothThreads) {
 
 TEST(RecursiveLockTest, DepthAndOwnerFollowNesting) {
   Tamlo::Locking::RecursiveLock lock;
-  EXPECT_EQ(lock.lockCount(), 0);
   lock.lock();
   ASSERT_TRUE(lock.try_lock());
   lock.lock();
   EXPECT_EQ(lock.lockCount(), 3);
-  EXPECT_TRUE(lock.owns_lock());
   lock.unlock();
   lock.unlock();
   // Still held at the last level.
@@ -122,7 +104,6 @@ TEST(RecursiveLockTest, DepthAndOwnerFollowNesting) {
   EXPECT_EQ(lock.lockCount(), 1);
   lock.unlock();
   EXPECT_FALSE(lock.owns_lock());
-  EXPECT_EQ(lock.lockCount(), 0);
 }
 
 TEST(RecursiveLockTest, UnlockFromAnotherThreadNamesBothThreadsAndDepth) {
@@ -147,22 +128,15 @@ TEST(LocoTest, ThreeLocksThreeUnlocksThenTheFourthAsserts) {
   std::string const text = assertionText([&] { loco.unlock(); });
   EXPECT_THAT(text, EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + noThread +
                              " me:" + threadIdText(pthread_self()) + " lockCount:0"));
-  // Still usable afterwards.
-  Tamlo::Platform::LocoGuard const guard;
-  EXPECT_TRUE(loco.owns_lock());
 }
 
 TEST(LocoTest, OneLockForTheProcessAndGuardsNest) {
-  EXPECT_EQ(&Tamlo::Platform::loco(), &Tamlo::Platform::loco());
   Tamlo::Platform::Loco* fromThread = nullptr;
   std::thread([&] { fromThread = &Tamlo::Platform::loco(); }).join();
   EXPECT_EQ(fromThread, &Tamlo::Platform::loco());
   {
     Tamlo::Platform::LocoGuard const outer;
-    {
-      Tamlo::Platform::LocoGuard const inner;
-      EXPECT_TRUE(Tamlo::Platform::loco().owns_lock());
-    }
+    { Tamlo::Platform::LocoGuard const inner; }
     EXPECT_TRUE(Tamlo::Platform::loco().owns_lock());
     bool ownedElsewhere = true;
     std::thread([&] { ownedElsewhere = Tamlo::Platform::loco().owns_lock(); }).join();
@@ -194,41 +168,27 @@ TEST(ConditionalGuardTest, ReleaseOffHandsTheLockOn) {
 
 // Without the threading runtime the mutex is left alone and the owner is the
 // nominal 1. Only private locks are used while the mode is on.
-TEST(ThreadsInactiveTest, LocksRecordTheNominalOwner) {
+TEST(ThreadsInactiveTest, LocksRecordTheNominalOwnerAndStillCatchMisuse) {
   Tamlo::Locking::Impl::threadsInactiveInTestIs(true);
-  EXPECT_FALSE(Tamlo::Locking::Impl::threadsActive());
-  EXPECT_EQ(Tamlo::Locking::Impl::currentOwnerId(), pthread_t(1));
-
   Tamlo::Locking::Lock lock;
   lock.lock();
   EXPECT_TRUE(lock.owns_lock());
-  // The mutex itself was never taken.
-  EXPECT_TRUE(lock.try_lock());
+  EXPECT_TRUE(lock.try_lock());  // the mutex itself was never taken
   lock.unlock();
-  EXPECT_FALSE(lock.owns_lock());
-
   Tamlo::Locking::RecursiveLock recursive;
   recursive.lock();
   recursive.lock();
-  EXPECT_EQ(recursive.lockCount(), 2);
   recursive.unlock();
   EXPECT_TRUE(recursive.owns_lock());
   recursive.unlock();
   EXPECT_FALSE(recursive.owns_lock());
+  std::string const text = assertionText([&] { recursive.unlock(); });
   Tamlo::Locking::Impl::threadsInactiveInTestIs(false);
-
+  EXPECT_THAT(text, EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + noThread +
+                             " me:" + threadIdText(pthread_self()) + " lockCount:0"));
   // The mutexes are really free: normal locking works on them.
   EXPECT_TRUE(lock.try_lock());
   lock.unlock();
   EXPECT_TRUE(recursive.try_lock());
   recursive.unlock();
-}
-
-TEST(ThreadsInactiveTest, UnlockingAFreeLockStillAsserts) {
-  Tamlo::Locking::RecursiveLock recursive;
-  Tamlo::Locking::Impl::threadsInactiveInTestIs(true);
-  std::string const text = assertionText([&] { recursive.unlock(); });
-  Tamlo::Locking::Impl::threadsInactiveInTestIs(false);
-  EXPECT_THAT(text, EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + noThread +
-                             " me:" + threadIdText(pthread_self()) + " lockCount:0"));
 }

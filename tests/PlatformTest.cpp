@@ -17,29 +17,28 @@ using ::testing::HasSubstr;
 
 using Tamlo::Test::assertionText;
 
-TEST(EventPriorityTest, NamesAndValidity) {
-  EXPECT_EQ(eventPriorityStrictHigh, 0);
-  EXPECT_EQ(eventPriorityDefault, 1);
-  EXPECT_EQ(sizeof(EventPriority), 1u);
-  EXPECT_EQ(eventPriorityToString(eventPriorityStrictHigh), "eventPriorityStrictHigh");
-  EXPECT_EQ(eventPriorityToString(eventPriorityDefault), "eventPriorityDefault");
-  EXPECT_EQ(eventPriorityToString(static_cast<EventPriority>(2)), "");
-  EXPECT_TRUE(isEventPriorityValid(eventPriorityStrictHigh));
-  EXPECT_TRUE(isEventPriorityValid(eventPriorityDefault));
-  EXPECT_FALSE(isEventPriorityValid(static_cast<EventPriority>(2)));
-  EXPECT_FALSE(isEventPriorityValid(static_cast<EventPriority>(255)));
-}
-
-TEST(EventPriorityTest, FormatterPrintsNameOrInvalidNumber) {
-  EXPECT_EQ(fmt::format("{}", eventPriorityDefault), "eventPriorityDefault");
-  EXPECT_EQ(fmt::format("[{}]", eventPriorityStrictHigh), "[eventPriorityStrictHigh]");
-  EXPECT_EQ(fmt::format("{}", static_cast<EventPriority>(7)), "Invalid EventPriority=7");
-  EXPECT_EQ(fmt::format("{}", static_cast<EventPriority>(255)), "Invalid EventPriority=255");
+TEST(EventPriorityTest, NamesValidityAndFormatting) {
+  struct Row {
+    int value;
+    bool valid;
+    char const* name;
+    char const* formatted;
+  } const rows[] = {
+      {0, true, "eventPriorityStrictHigh", "eventPriorityStrictHigh"},
+      {1, true, "eventPriorityDefault", "eventPriorityDefault"},
+      {2, false, "", "Invalid EventPriority=2"},
+      {255, false, "", "Invalid EventPriority=255"},
+  };
+  for (Row const& row : rows) {
+    auto const priority = static_cast<EventPriority>(row.value);
+    EXPECT_EQ(isEventPriorityValid(priority), row.valid) << row.value;
+    EXPECT_EQ(eventPriorityToString(priority), row.name);
+    EXPECT_EQ(fmt::format("{}", priority), row.formatted);
+  }
 }
 
 TEST(PlatformSwitchesTest, ReleaseModeIsOffAndRefCountingIsNotAvailable) {
   EXPECT_FALSE(releaseMode());
-  Tamlo::Test::ThrowOnAssert const throwOnAssert;
   EXPECT_THAT(assertionText([] { refCountingEnabled(); }),
               HasSubstr("Tamlo::Platform::refCountingEnabled() not available in libTamlo.so"));
   EXPECT_THAT(assertionText([] { refCountingEnabledIs(true); }),
@@ -60,8 +59,6 @@ TEST(ValuePrinterTest, RegisteredRendererWinsOtherwiseHex) {
   Tamlo::IntrospectionMap::insert("PlatformTest::Silent", renderNothing);
 
   auto const printer = getValuePrinter("PlatformTest::Point", sizeof point);
-  EXPECT_EQ(printer->typeName(), "PlatformTest::Point");
-  EXPECT_EQ(printer->size(), 8);
   EXPECT_EQ(printer->customToString(point), "Point(3, -1)");
   EXPECT_EQ(printer->toString(point), "Point(3, -1)");
   EXPECT_NE(getValuePrinter("PlatformTest::Point", 8), printer);  // not cached

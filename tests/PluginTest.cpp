@@ -20,6 +20,7 @@ namespace {
 using Tamlo::Platform::loadPlugin;
 using Tamlo::Platform::Plugin;
 using Tamlo::Platform::registerPlugin;
+using Tamlo::Test::assertionText;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -29,21 +30,6 @@ class PluginTraceDetail {
   PluginTraceDetail() { Tamlo::Platform::setupTamloDebug("TamloPlugin/0123"); }
   ~PluginTraceDetail() { Tamlo::Platform::clearTamloDebug("TamloPlugin/23"); }
 };
-
-// The message of the assertion `action` fails with.
-template <typename Action>
-std::string assertionFrom(Action action) {
-  Tamlo::Test::ThrowOnAssert throwing;
-  testing::internal::CaptureStderr();  // the assertion is traced as well
-  try {
-    action();
-  } catch (Tamlo::AssertException const& e) {
-    testing::internal::GetCapturedStderr();
-    return e.message();
-  }
-  testing::internal::GetCapturedStderr();
-  return "no assertion";
-}
 
 TEST(PluginTest, LoadsByNameAndReturnsTheSamePluginAgain) {
   PluginTraceDetail detail;
@@ -98,12 +84,12 @@ TEST(PluginTest, MissingPluginGivesNullAndTracesTheReason) {
 TEST(PluginTest, ObjectRegisteringAnotherNameFailsToLoad) {
   std::string const expected =
       " Platform::loadPlugin() Phooey -- plugin PluginTestMisnamed failed to register";
-  EXPECT_THAT(assertionFrom([] { loadPlugin("PluginTestMisnamed"); }), EndsWith(expected));
+  EXPECT_THAT(assertionText([] { loadPlugin("PluginTestMisnamed"); }), EndsWith(expected));
 
   // The object stays loaded; its initialisers do not run again, so it fails
   // the same way, while the name it did register is found.
   EXPECT_NE(dlopen("libPluginTestMisnamed.so", RTLD_NOW | RTLD_NOLOAD), nullptr);
-  EXPECT_THAT(assertionFrom([] { loadPlugin("PluginTestMisnamed"); }), EndsWith(expected));
+  EXPECT_THAT(assertionText([] { loadPlugin("PluginTestMisnamed"); }), EndsWith(expected));
   Plugin* const other = loadPlugin("PluginTestOtherName");
   ASSERT_NE(other, nullptr);
   EXPECT_STREQ(other->name(), "PluginTestOtherName");
@@ -127,15 +113,15 @@ TEST(PluginTest, DuplicateRegistrationIsAnAssertion) {
 
   registerPlugin(original);
   EXPECT_THAT(
-      assertionFrom([impostor] { registerPlugin(impostor); }),
+      assertionText([impostor] { registerPlugin(impostor); }),
       EndsWith(" Tamlo::Platform::registerPlugin() Plugin " + name + " already registered"));
   EXPECT_EQ(loadPlugin(name.c_str()), original);  // registered plugins need no object
   delete impostor;
 }
 
 TEST(PluginTest, NullArgumentsAreAssertions) {
-  EXPECT_THAT(assertionFrom([] { loadPlugin(nullptr); }), EndsWith("null plugin name"));
-  EXPECT_THAT(assertionFrom([] { registerPlugin(nullptr); }), EndsWith("null plugin registered"));
+  EXPECT_THAT(assertionText([] { loadPlugin(nullptr); }), EndsWith("null plugin name"));
+  EXPECT_THAT(assertionText([] { registerPlugin(nullptr); }), EndsWith("null plugin registered"));
 }
 
 // Exit status of a child forked from the calling thread: bit 0 set when the
@@ -154,26 +140,18 @@ int forkedChildReport() {
   return WEXITSTATUS(status);
 }
 
+// Whether the parent is marked or not, and from whichever thread it forks.
 TEST(PluginTest, ForkMarksTheChildOnly) {
+  for (bool parentMarked : {false, true}) {
+    SCOPED_TRACE(parentMarked);
+    Tamlo::Platform::forkedChildIs(parentMarked);
+    EXPECT_EQ(forkedChildReport(), 3);
+    int report = -1;
+    std::thread([&report] { report = forkedChildReport(); }).join();
+    EXPECT_EQ(report, 3);
+    EXPECT_EQ(Tamlo::Platform::isForkedChild(), parentMarked);
+  }
   Tamlo::Platform::forkedChildIs(false);
-  EXPECT_EQ(forkedChildReport(), 3);
-  EXPECT_FALSE(Tamlo::Platform::isForkedChild());
-
-  // A parent that is itself marked stays marked; the child is marked anyway.
-  Tamlo::Platform::forkedChildIs(true);
-  EXPECT_EQ(forkedChildReport(), 3);
-  EXPECT_TRUE(Tamlo::Platform::isForkedChild());
-  Tamlo::Platform::forkedChildIs(false);
-  EXPECT_FALSE(Tamlo::Platform::isForkedChild());
-}
-
-TEST(PluginTest, ForkFromAnotherThreadMarksTheChild) {
-  Tamlo::Platform::forkedChildIs(false);
-  int report = -1;
-  std::thread forker([&report] { report = forkedChildReport(); });
-  forker.join();
-  EXPECT_EQ(report, 3);
-  EXPECT_FALSE(Tamlo::Platform::isForkedChild());
 }
 
 }  // namespace

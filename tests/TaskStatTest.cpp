@@ -59,8 +59,6 @@ TEST(TaskPriority, NamesCharactersAndOrder) {
     EXPECT_EQ(streamed(row.priority), row.strep);
     EXPECT_EQ(fmt::format("[{:>9}]", row.priority), fmt::format("[{:>9}]", row.strep));
   }
-  EXPECT_LT(TaskPriority(TaskPriority::absolute), TaskPriority::high);
-  EXPECT_LT(TaskPriority(TaskPriority::low), TaskPriority::scavenge);
 }
 
 TEST(TaskPriority, ValuesBeyondTheEndMarkerAreAssertionFailures) {
@@ -77,9 +75,6 @@ TEST(TaskPriority, ValuesBeyondTheEndMarkerAreAssertionFailures) {
 TEST(TaskKey, PrintsTheAddressInDecimalAfterAnAt) {
   EXPECT_EQ(TaskKey().toStrep(), "@0");
   EXPECT_EQ(TaskKey(uint64_t{140737488355328}).toStrep(), "@140737488355328");
-  int object = 0;
-  EXPECT_EQ(TaskKey(&object).value(), reinterpret_cast<uintptr_t>(&object));
-  EXPECT_NE(TaskKey(&object), TaskKey());
 }
 
 TEST(TaskMaybeU32, AllOnesMeansNoValueAndIsNeverStoredAsOne) {
@@ -96,37 +91,10 @@ TEST(TaskMaybeU32, AllOnesMeansNoValueAndIsNeverStoredAsOne) {
   EXPECT_EQ(maybe, TaskMaybeU32());
 }
 
-TEST(TaskStatus, EachGetterOwnsItsBit) {
-  using Status = TaskStat::TaskStatus;
-  struct Row {
-    uint8_t mask;
-    void (Status::*set)(bool);
-    bool (Status::*get)() const;
-  } const rows[] = {
-      {0x01, &Status::taskTimerIs, &Status::taskTimer},
-      {0x02, &Status::taskTimerRunningIs, &Status::taskTimerRunning},
-      {0x04, &Status::taskOnRunQueueIs, &Status::taskOnRunQueue},
-      {0x08, &Status::taskCurrentlyRunningIs, &Status::taskCurrentlyRunning},
-      {0x10, &Status::taskSuspendedIs, &Status::taskSuspended},
-      {0x20, &Status::taskIsTaskGroupIs, &Status::taskIsTaskGroup},
-  };
-  for (Row const& row : rows) {
-    SCOPED_TRACE(row.mask);
-    Status status;
-    (status.*row.set)(true);
-    EXPECT_EQ(status.bits(), row.mask);
-    EXPECT_TRUE((status.*row.get)());
-    Status all(0x3f);
-    (all.*row.set)(false);
-    (all.*row.set)(false);
-    EXPECT_EQ(all.bits(), 0x3f & ~row.mask);
-    EXPECT_FALSE((all.*row.get)());
-  }
-  Status raw;
-  raw.bitmaskSetBit(Status::taskSuspendedBit, true);
-  EXPECT_TRUE(raw.taskSuspended());
-  EXPECT_FALSE(raw.bitmaskHasBitSet(Status::taskTimerBit));
-  EXPECT_THAT(assertionText([&] { raw.bitmaskHasBitSet(static_cast<Status::Bit>(9)); }),
+TEST(TaskStatus, BitsBeyondTheLastAreAssertionFailures) {
+  EXPECT_THAT(assertionText([] {
+                TaskStat::TaskStatus().bitmaskHasBitSet(static_cast<TaskStat::TaskStatus::Bit>(9));
+              }),
               EndsWith("status bit 9 out of range"));
 }
 
@@ -232,41 +200,6 @@ TEST_F(TaskStatRecord, ConstructionAndAddingFollowEachFieldsRule) {
   EXPECT_EQ(added.taskName(), "reader");
 }
 
-TEST_F(TaskStatRecord, SettersAndCounters) {
-  TaskStat stat;
-  stat.taskRunInc(3);
-  stat.taskRunInc();
-  stat.taskTotalRunTimeInc(nanoseconds(5));
-  stat.taskTotalRunTimeInc(nanoseconds(6));
-  stat.taskWorkCountTotalInc(7);
-  stat.taskQuantumViolation500Inc(2);
-  stat.taskQuantumViolation200Inc(3);
-  stat.taskRunTimeHighWaterMarkIs(nanoseconds(8));
-  stat.taskLastSchedulingLatencyIs(nanoseconds(9));
-  stat.taskSchedulingLatencyHighWaterMarkIs(nanoseconds(10));
-  stat.taskCompletedCountIs(4);
-  stat.taskCompletedCountInc(2);
-  stat.taskStatusIs(TaskStat::TaskStatus(0x10));
-  std::vector<uint64_t> got;
-  for (Field const& field : fields) {
-    got.push_back(field.get(stat));
-  }
-  EXPECT_EQ(got, (std::vector<uint64_t>{0, 4, 11, 7, 0, 0, 0, 0, 2, 3, 8, 9, 10, 0x10, 6}));
-}
-
-TEST_F(TaskStatRecord, CopiesShareTheNameAndCountAReference) {
-  TaskStat stat = record("reader", 1);
-  {
-    TaskStat const copy = stat;
-    EXPECT_EQ(cache_->refCount("reader"), 2u);
-    EXPECT_EQ(copy.taskNameRef().elem(), stat.taskNameRef().elem());
-  }
-  EXPECT_EQ(cache_->refCount("reader"), 1u);
-  stat.taskNameIs(cache_->intern("writer"));
-  EXPECT_EQ(cache_->refCount("reader"), 0u);
-  EXPECT_EQ(stat.taskName(), "writer");
-}
-
 TEST_F(TaskStatRecord, MarksWithoutAValueCountAsZeroAndNeverReplaceOnes) {
   auto withMarks = [this](TaskMaybeU32 mark) {
     return TaskStat(cache_->intern("t"), TaskKey(), TaskPriority::normal, 0, {}, 0, 0, mark, 0,
@@ -292,10 +225,6 @@ TEST_F(TaskStatRecord, AddingADifferentNameIsAnAssertionFailure) {
   TaskStat const writer = record("writer", 2);
   EXPECT_THAT(assertionText([&] { reader += writer; }), EndsWith("reader != writer"));
   EXPECT_EQ(reader.taskRunCount(), 2u);
-  TaskStat unnamed;
-  EXPECT_THAT(assertionText([&] { unnamed += writer; }), EndsWith(" != writer"));
-  unnamed += TaskStat();
-  EXPECT_EQ(unnamed.taskCompletedCount(), 1u);
 }
 
 TEST(TaskTime, SecondsBecomeNanosecondsTruncatedTowardZero) {
@@ -343,11 +272,8 @@ TEST(ConstStringCache, InterningTheSameTextGivesTheSameElement) {
   ConstStringRef const c = cache.intern("writer");
   EXPECT_EQ(a.elem(), b.elem());
   EXPECT_NE(a.elem(), c.elem());
-  EXPECT_EQ(a.elem()->cache(), &cache);
-  EXPECT_EQ(a, b);
   EXPECT_FALSE(a == c);
   EXPECT_EQ(cache.size(), 2u);
-  EXPECT_EQ(a.elem()->refCount(), 2u);
   EXPECT_EQ(std::hash<ConstStringRef>{}(a), std::hash<std::string>{}("reader"));
   EXPECT_EQ(fmt::format("<{}>", c), "<writer>");
 }
@@ -357,30 +283,22 @@ TEST(ConstStringCache, ReferencesCountCopiesTheLastOneErasesAndNullIsEmpty) {
   ConstStringRef ref = cache.intern("x");
   {
     ConstStringRef copy = ref;
-    ConstStringRef assigned;
-    assigned = copy;
-    EXPECT_EQ(cache.refCount("x"), 3u);
     ConstStringRef moved = std::move(copy);
     EXPECT_TRUE(copy.isNull());  // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(cache.refCount("x"), 3u);
-    moved = cache.intern("y");
     EXPECT_EQ(cache.refCount("x"), 2u);
+    moved = cache.intern("y");
+    EXPECT_EQ(cache.refCount("x"), 1u);
   }
-  EXPECT_EQ(cache.refCount("y"), 0u);
-  EXPECT_EQ(cache.size(), 1u);
-  ref = ref;  // self-assignment keeps the count
+  EXPECT_EQ(cache.size(), 1u);  // "y" went with its last reference
+  ref = ref;                    // self-assignment keeps the count
   EXPECT_EQ(cache.refCount("x"), 1u);
   ref = ConstStringRef();
   EXPECT_EQ(cache.size(), 0u);
-  EXPECT_EQ(ref, ConstStringRef());
-  EXPECT_EQ(ref.text(), "");
-  EXPECT_FALSE(ref);
   ConstStringRef const empty = cache.intern("");
   EXPECT_TRUE(empty);
+  EXPECT_FALSE(ref);
   EXPECT_EQ(ref, empty);  // null equals the empty text
-  ConstStringRef const again = cache.intern("x");
-  EXPECT_EQ(cache.refCount("x"), 1u);  // a fresh count
-  EXPECT_EQ(streamed(ref) + "|" + streamed(empty) + "|" + streamed(again), "||x");
+  EXPECT_EQ(streamed(ref) + "|" + streamed(cache.intern("x")), "|x");
 }
 
 TEST(ConstStringCache, DestroyingWithOpenReferencesFailsAndLeavesThemUsable) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -111,6 +112,17 @@ std::vector<std::string> linesOf(std::string const& text) {
   for (std::string line; std::getline(in, line);)
     lines.push_back(line);
   return lines;
+}
+
+bool isBacktrace(std::string const& text) {
+  static std::regex const frame(R"(#(\d+) 0x[0-9a-f]{16} .+\+0x[0-9a-f]+ in .+)");
+  std::vector<std::string> const lines = linesOf(text);
+  for (size_t i = 0; i < lines.size(); ++i) {
+    std::smatch match;
+    if (!std::regex_match(lines[i], match, frame) || match[1] != std::to_string(i))
+      return false;
+  }
+  return !lines.empty();
 }
 
 ThrowOnAssert::ThrowOnAssert() : previous_(throwOnAssertFail()) {

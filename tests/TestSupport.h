@@ -38,6 +38,10 @@ class ThrowOnAssert {
 // `text` cut at newlines (a final newline ends the last line, adds none).
 std::vector<std::string> linesOf(std::string const& text);
 
+// True when `text` is nothing but backtrace frames, one a line, numbered from
+// 0: "#<n> 0x<16 hex digits> <function>+0x<hex> in <object>".
+bool isBacktrace(std::string const& text);
+
 // The message of the assertion that `body` fails with (assertions throw for
 // the call), or "(no assertion)" when it passes.
 template <typename Body>
