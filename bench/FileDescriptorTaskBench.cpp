@@ -302,21 +302,9 @@ void printFileDescriptorTaskFootprint() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Repeated and interleaved, the medians are steadier on a busy machine.
-  // Flags given on the command line come later and win.
-  std::vector<char*> args(argv, argv + argc);
-  char repetitions[] = "--benchmark_repetitions=9";
-  char interleaving[] = "--benchmark_enable_random_interleaving=true";
-  char aggregatesOnly[] = "--benchmark_report_aggregates_only=true";
-  args.insert(args.begin() + 1, {repetitions, interleaving, aggregatesOnly});
-  argc = static_cast<int>(args.size());
-  argv = args.data();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv))
-    return 1;
   Tamlo::Bench::RatioReporter reporter("msgs");
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!reporter.run(argc, argv, 9))
+    return 1;
   std::printf("\nTime per message (real: the client's view; cpu: the server thread's):\n");
   reporter.printRatio("echo, 1 in flight:", "fileDescriptorTaskEcho/1", "bareLibeventEcho/1",
                       1.0 / 0.9);

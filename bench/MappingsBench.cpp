@@ -109,12 +109,9 @@ BENCHMARK(BM_UpperBoundMillion);
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv))
-    return 1;
   Tamlo::Bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!reporter.run(argc, argv))
+    return 1;
   std::printf("\nCPU time as ratios:\n");
   reporter.printRatio("read /proc/self/maps:", "BM_ReadAndParseSelfMaps", "BM_ReadSelfMapsOnly");
   reporter.printRatio("find 1,000,000:", "BM_FindMillion", "BM_UpperBoundMillion");

@@ -57,6 +57,27 @@ class RatioReporter : public benchmark::ConsoleReporter {
     std::printf("\n");
   }
 
+  // Runs the benchmarks chosen on the command line through this reporter;
+  // false for a flag it does not know. With `repetitions`, each benchmark
+  // runs that many times, interleaved with the others, and only aggregates
+  // are reported: the medians of benchmarks run one after the other on a
+  // busy machine are steadier. Flags on the command line come later and win.
+  bool run(int argc, char** argv, int repetitions = 0) {
+    std::vector<char*> args(argv, argv + argc);
+    std::string repeated = "--benchmark_repetitions=" + std::to_string(repetitions);
+    char interleaving[] = "--benchmark_enable_random_interleaving=true";
+    char aggregatesOnly[] = "--benchmark_report_aggregates_only=true";
+    if (repetitions > 0)
+      args.insert(args.begin() + 1, {repeated.data(), interleaving, aggregatesOnly});
+    int count = static_cast<int>(args.size());
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data()))
+      return false;
+    benchmark::RunSpecifiedBenchmarks(this);
+    benchmark::Shutdown();
+    return true;
+  }
+
  private:
   struct Times {
     double real, cpu;

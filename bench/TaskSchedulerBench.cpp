@@ -192,22 +192,9 @@ void printTaskFootprint() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // The ratios compare benchmarks run one after the other on a machine that
-  // may be busy: repeated and interleaved, their medians are steadier.
-  // Flags given on the command line come later and win.
-  std::vector<char*> args(argv, argv + argc);
-  char repetitions[] = "--benchmark_repetitions=9";
-  char interleaving[] = "--benchmark_enable_random_interleaving=true";
-  char aggregatesOnly[] = "--benchmark_report_aggregates_only=true";
-  args.insert(args.begin() + 1, {repetitions, interleaving, aggregatesOnly});
-  argc = static_cast<int>(args.size());
-  argv = args.data();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv))
-    return 1;
   Tamlo::Bench::RatioReporter reporter("runs");
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!reporter.run(argc, argv, 9))
+    return 1;
   std::printf("\n");
   reporter.printRatio("dispatch:", "schedulerDispatch", "bareTimerLoop", 1.25);
   reporter.printRatio("1000 mixed tasks:", "schedulerMixed", "bareTimerLoop", 1.4);

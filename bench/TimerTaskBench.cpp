@@ -267,22 +267,9 @@ void printFootprints() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Repeated and interleaved, the medians of benchmarks run one after the
-  // other on a busy machine are steadier. Flags given on the command line
-  // come later and win.
-  std::vector<char*> args(argv, argv + argc);
-  char repetitions[] = "--benchmark_repetitions=5";
-  char interleaving[] = "--benchmark_enable_random_interleaving=true";
-  char aggregatesOnly[] = "--benchmark_report_aggregates_only=true";
-  args.insert(args.begin() + 1, {repetitions, interleaving, aggregatesOnly});
-  argc = static_cast<int>(args.size());
-  argv = args.data();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv))
-    return 1;
   Tamlo::Bench::RatioReporter reporter("runs");
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!reporter.run(argc, argv, 5))
+    return 1;
   std::printf("\n");
   reporter.printRatio("timer churn, loop:", "timerTaskChurn/0", "wheelTimerChurn/0", 1.5);
   reporter.printRatio("timer churn, ticks:", "timerTaskChurn/1", "wheelTimerChurn/1", 1.5);

@@ -235,12 +235,9 @@ BENCHMARK(BM_ControlFootprint)->Iterations(1);
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv))
-    return 1;
   Tamlo::Bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!reporter.run(argc, argv))
+    return 1;
   std::printf("\nCPU time per re-arm, as ratios:\n");
   reporter.printRatio("re-arm:", "BM_RearmWheel/1000000", "BM_RearmLibevent/1000000", 0.4);
   reporter.printRatio("re-arm:", "BM_RearmWheel/1000000", "BM_RearmWheel/1000", 2.0);

@@ -123,12 +123,9 @@ int main(int argc, char** argv) {
   Tamlo::Platform::setTraceFormat("date,time,tid,handle,level");
   Tamlo::Platform::setupTamloDebug("");
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv))
-    return 1;
   Tamlo::Bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!reporter.run(argc, argv))
+    return 1;
   std::printf("\n");
   reporter.printRatio("disabled trace:", "tamloDisabled", "spdlogDisabled", 1.0);
   reporter.printRatio("disabled trace:", "tamloDisabled", "spdlogDisabledGuarded", 1.0);
