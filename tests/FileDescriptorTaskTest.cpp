@@ -1,6 +1,7 @@
 // File-descriptor tasks over socketpairs through the real event loop.
 #include <Tamlo/FileDescriptorTask.h>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -151,6 +152,40 @@ TEST_F(FileDescriptorTaskTest, TheReadSideRefusesRunsItMustNotMake) {
     row.arrange(*task, fds_[1]);
     EXPECT_THAT(assertionText([] { Tamlo::Platform::doEventLoop(); }), HasSubstr(row.message));
     EXPECT_EQ(task->taskRunCountReadable(), row.runsCounted) << row.message;
+  }
+}
+
+// Rows: the peer goes away (the end of the stream is readable once and the
+// handler drops the watch), and the watched descriptor is closed under the
+// watch and its number reused by a new connection, which is watched afresh
+// after taskWatchFdDel(). Either way the loop ends by itself.
+TEST_F(FileDescriptorTaskTest, APeerGoneOrADescriptorClosedUnderTheWatchIsSurvived) {
+  for (bool const reuseNumber : {false, true}) {
+    std::string got;
+    auto const task = makeTask([&got](FdTask& t) {
+      char buffer[8];
+      ssize_t const n = read(t.taskWatchFd(), buffer, sizeof buffer);
+      got += n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "<end>";
+      t.taskWatchFdDel();
+    });
+    if (reuseNumber) {
+      int fresh[2];
+      ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fresh), 0);
+      close(fds_[0]);
+      ASSERT_EQ(dup3(fresh[0], fds_[0], O_CLOEXEC), fds_[0]);
+      close(fresh[0]);
+      task->taskWatchFdDel();
+      task->taskWatchFdIs(fds_[0]);
+      close(fds_[1]);
+      fds_[1] = fresh[1];
+      ASSERT_EQ(write(fds_[1], "new", 3), 3);
+    } else {
+      close(fds_[1]);
+      fds_[1] = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);  // closed by the fixture
+    }
+    Tamlo::Platform::doEventLoop();
+    EXPECT_EQ(got, reuseNumber ? "new" : "<end>");
+    EXPECT_EQ(task->taskRunCountReadable(), 1u);
   }
 }
 

@@ -563,6 +563,10 @@ TEST(TaskSchedulerLifeTest, AnExceptionFromARunLeavesTheSchedulerUsable) {
     EXPECT_EQ(shared.use_count(), owned ? 1 : 0);
     runLoop();
     EXPECT_EQ(journal, "next");
+    // The failed run is counted as a run; the unowned task never started one.
+    EXPECT_EQ(thrower.taskRunCount(), owned ? 1u : 0u);
+    EXPECT_EQ(next->taskRunCount(), 1u);
+    EXPECT_FALSE(thrower.taskScheduled());
   }
 }
 

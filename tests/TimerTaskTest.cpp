@@ -141,6 +141,14 @@ TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
   }
 }
 
+TEST(TimerTaskForkTest, ATimerArmedBeforeForkRunsInBothAndTheChildRunsItsOwn) {
+  auto const run = Tamlo::Test::runHelper("SchedulerHelper", {"fork"});
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_EQ(run.out,
+            "child: forked 1 inherited 1 own 1\n"
+            "parent: forked 0 inherited 1 child status 0\n");
+}
+
 TEST(TimerAndGroupFatalTest, BrokenChecksAbortWithTheirMessage) {
   std::pair<char const*, char const*> const rows[] = {
       {"jitter101", "maxJitterPercentage: e > 100"},

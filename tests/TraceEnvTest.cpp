@@ -148,6 +148,15 @@ TEST(TraceEnvTest, TraceFileIsTruncatedAndReceivesTheLines) {
   EXPECT_EQ(readFile(path), "Tamlo 1 one\nTamlo 1 two\n");
 }
 
+// A trace file that refuses the lines (disk full) costs the lines, nothing
+// else: the program goes on and ends normally, and standard error stays clean.
+TEST(TraceEnvTest, AFullTraceFileDropsTheLinesAndTheProgramGoesOn) {
+  ChildResult const r = helper({"trace", "one", "two"}, {"TRACEFILE=/dev/full"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(linesOf(r.out).size(), 1u) << r.out;  // the pid, printed before the traces
+}
+
 TEST(TraceEnvTest, UnopenableTraceFileFallsBackToStandardErrorUntilItOpens) {
   TempDir dir;
   std::string const path = dir.file("later") + "/trace.log";

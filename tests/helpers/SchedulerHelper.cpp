@@ -1,6 +1,7 @@
 // Scheduler failures that end the process, and runs whose trace a test
 // compares. Usage: SchedulerHelper <mode>; the modes are in the table below.
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,6 +12,8 @@
 
 #include <Tamlo/Allocator.h>
 #include <Tamlo/FileDescriptorTask.h>
+#include <Tamlo/ForkHandler.h>
+#include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Task.h>
 #include <Tamlo/TaskGroup.h>
@@ -124,6 +127,37 @@ int destroyAgainMode() {
   return 0;
 }
 
+// A timer task armed before fork() runs once in each process; the child
+// re-initialises its base first and then also runs a timer task of its own.
+int forkMode() {
+  struct Counting : Tamlo::TimerTask {
+    using TimerTask::TimerTask;
+    void taskExecute() override { ++runs; }
+    int runs = 0;
+  };
+  auto const root = Tamlo::schedulerRootTamlo();
+  auto const inherited = Tamlo::makeShared<Counting>(root, TaskPriority::normal, "inherited");
+  inherited->scheduleTaskDelay(5ms);
+  std::fflush(stdout);
+  pid_t const child = ::fork();
+  if (child == 0) {
+    Tamlo::leForkReinit();
+    auto const own = Tamlo::makeShared<Counting>(root, TaskPriority::high, "own");
+    own->scheduleTaskDelay(10ms);
+    Tamlo::Platform::doEventLoop();
+    std::printf("child: forked %d inherited %d own %d\n", Tamlo::Platform::isForkedChild(),
+                inherited->runs, own->runs);
+    std::fflush(stdout);
+    ::_exit(0);
+  }
+  Tamlo::Platform::doEventLoop();
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  std::printf("parent: forked %d inherited %d child status %d\n", Tamlo::Platform::isForkedChild(),
+              inherited->runs, status);
+  return 0;
+}
+
 struct Mode {
   std::string_view name;
   int (*run)();
@@ -153,6 +187,7 @@ constexpr Mode modes[] = {
     {"fdreadoff", fdReadOffMode},
     {"fdwriteoff", [] { return fdTaskOn20()->writeFdEvent(20), 0; }},
     {"fdother", [] { return fdTaskOn20()->readFdEvent(21), 0; }},
+    {"fork", forkMode},
 };
 
 }  // namespace
