@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 
 #include <Tamlo/Debug.h>
+#include <Tamlo/Errno.h>
 #include <Tamlo/Fmt.h>
 #include <Tamlo/HeapCheck.h>
 #include <Tamlo/Loco.h>
@@ -60,6 +61,9 @@ void flagIs(bool& field, bool on) {
 // name that failed to open is forgotten, so the next setupTamloDebug tries it
 // again (its directory may exist by then) and reports each failure.
 int traceFileFd = -1;
+// Whether a failed write to the trace file was reported: once per file, so
+// that a full disk costs one line on standard error, not one per trace.
+bool traceFileWriteFailureReported = false;
 std::string& traceFileName() {
   static std::string* const name =
       HeapCheck::keepForProcessLifetime(new std::string);  // outlives static destructors
@@ -68,13 +72,14 @@ std::string& traceFileName() {
 
 // Nowhere is left to report a failing trace destination, so errors other
 // than interruption drop the rest of the line.
-void writeAll(int fd, iovec* parts, int count) {
+// The errno of a write that failed, 0 when everything was written.
+int writeAll(int fd, iovec* parts, int count) {
   while (count > 0) {
     ssize_t written = ::writev(fd, parts, count);
     if (written < 0) {
       if (errno == EINTR)
         continue;
-      return;
+      return errno;
     }
     while (count > 0 && static_cast<size_t>(written) >= parts->iov_len) {
       written -= static_cast<ssize_t>(parts->iov_len);
@@ -86,6 +91,7 @@ void writeAll(int fd, iovec* parts, int count) {
       parts->iov_len -= static_cast<size_t>(written);
     }
   }
+  return 0;
 }
 
 void writeStderr(std::string_view text) {
@@ -221,6 +227,7 @@ void Impl::openTraceFileFromEnvironment() {
   if (traceFileFd >= 0)
     ::close(traceFileFd);
   name = wanted;
+  traceFileWriteFailureReported = false;
   traceFileFd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (traceFileFd < 0) {
     name.clear();
@@ -241,7 +248,16 @@ void dumpDebugMsg(char const* text, size_t length, unsigned level, void const* h
   buffer.push_back('\n');
   iovec whole{buffer.data(), buffer.size()};
   LocoGuard guard;
-  writeAll(traceFileFd >= 0 ? traceFileFd : STDERR_FILENO, &whole, 1);
+  if (traceFileFd < 0) {
+    writeAll(STDERR_FILENO, &whole, 1);
+    return;
+  }
+  int const error = writeAll(traceFileFd, &whole, 1);
+  if (error != 0 && !traceFileWriteFailureReported) [[unlikely]] {
+    traceFileWriteFailureReported = true;
+    writeStderr(fmt::format("Error writing TRACEFILE={}: {}; trace lines are lost\n",
+                            traceFileName(), Tamlo::strerror(error)));
+  }
 }
 
 void setTraceFormat(char const* spec) {
