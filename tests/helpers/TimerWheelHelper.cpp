@@ -85,8 +85,8 @@ int stoppedMode() {
 }
 
 int dueNowMode() {
-  // Near 2^55 s one second is below a double's precision, so the clock
-  // reads the same across the whole pass.
+  // Near 2^55 s a double holds only every eighth second, so the clock reads
+  // the same across a pass.
   Tamlo::Platform::setFastForward(true);
   Tamlo::Platform::fastForwardBy(0x1p55);
   auto const wheel = Tamlo::getTimerWheelForTaskScheduler(Tamlo::Platform::eventPriorityDefault);
@@ -94,14 +94,20 @@ int dueNowMode() {
     void timeout() override { ++delivered; }
     int delivered = 0;
   } event;
-  double const now = Tamlo::time();
-  wheel->timerStartAtForTest(&event, now);
-  Tamlo::Platform::doEventLoopInWaitfor(0);
-  if (Tamlo::time() != now)
-    return 4;  // the clock moved on after all: no verdict
-  std::puts(event.delivered == 1 ? "delivered in one pass" : "deferred");
-  wheel->timerStop(&event);
-  return 0;
+  // A pass crossing from one representable time to the next gives no
+  // verdict; the next try does.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    double const now = Tamlo::time();
+    wheel->timerStartAtForTest(&event, now);
+    Tamlo::Platform::doEventLoopInWaitfor(0);
+    wheel->timerStop(&event);
+    if (Tamlo::time() == now) {
+      std::puts(event.delivered == 1 ? "delivered in one pass" : "deferred");
+      return 0;
+    }
+    event.delivered = 0;
+  }
+  return 4;
 }
 
 }  // namespace
