@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -87,91 +88,73 @@ TEST(DebugTest, ParseNameAndLevels) {
   EXPECT_EQ(DebugControl::levelsString(1022), "123456789");
 }
 
-TEST(DebugTest, SettingsStringGrammar) {
-  setupTamloDebug("");  // nothing
-  setupTamloDebug("GrA/1,,GrB/2,GrC,GrD/3/4,");
-  Listing const l;
-  EXPECT_TRUE(has(l.specific, "GrA/1"));
-  EXPECT_TRUE(has(l.specific, "GrB/2"));
-  EXPECT_TRUE(has(l.specific, "GrC/"));    // no '/': a setting with no levels
-  EXPECT_TRUE(has(l.specific, "GrD/34"));  // only the first '/' splits
-  EXPECT_TRUE(has(l.specific, "/"));       // the empty entry between commas
-  EXPECT_EQ(count(l.specific, ""), 1u);
-  EXPECT_EQ(levelsOf(getDebugHandler("GrD")), "34");
-}
-
-TEST(DebugTest, SpecificLevelsAccumulateAndClearOnlyWhatIsNamed) {
-  auto const handle = getDebugHandler("AccApp");
-  EXPECT_EQ(levelsOf(handle), "");
-  setupTamloDebug("AccApp/5,AccApp/7");
-  setupTamloDebug("AccApp/");
-  EXPECT_EQ(levelsOf(handle), "57");
-  EXPECT_EQ(levelsOf(getDebugHandler("AccAp")), "");  // a prefix is another name
-  clearTamloDebug("AccApp/5");
-  EXPECT_TRUE(has(Listing().specific, "AccApp/7"));
-  EXPECT_EQ(levelsOf(handle), "7");
-  clearTamloDebug("AccApp/7");
-  Listing const l;
-  EXPECT_EQ(count(l.specific, "AccApp"), 0u);
-  EXPECT_EQ(count(l.handlers, "AccApp"), 1u);
-  EXPECT_EQ(levelsOf(handle), "");
+// Steps of set and clear, each followed by what must hold: "S:line" or
+// "W:line" in the specific or wildcard listing, "!S:name"/"!W:name" absent
+// from it, "H:name=levels" for a handle held since the start, "N:..." for a
+// handle obtained now.
+TEST(DebugTest, SetAndClearReachSettingsAndHandles) {
+  clearTamloDebug("AccApp/*,Nw*/*,Wr*/*,Cw*/*");  // settings outlive a test: repeatable
+  std::map<std::string, std::shared_ptr<Tamlo::Platform::DebugHandler>> held;
+  for (char const* name : {"AccApp", "NwABC", "WrXZ", "Wq", "CwZ", "CwY"})
+    held[name] = getDebugHandler(name);
+  struct Row {
+    char const* setup;
+    char const* clear;
+    Lines expected;
+  } const rows[] = {
+      // No '/': a setting with no levels; only the first '/' splits; an empty
+      // entry between commas.
+      {"", nullptr, {}},
+      {"GrA/1,,GrB/2,GrC,GrD/3/4,",
+       nullptr,
+       {"S:GrA/1", "S:GrB/2", "S:GrC/", "S:GrD/34", "S:/", "N:GrD=34"}},
+      // Specific levels accumulate; clearing takes only what is named.
+      {"AccApp/5,AccApp/7", nullptr, {}},
+      {"AccApp/", nullptr, {"H:AccApp=57", "N:AccAp="}},  // a prefix is another name
+      {nullptr, "AccApp/5", {"S:AccApp/7", "H:AccApp=7"}},
+      {nullptr, "AccApp/7", {"!S:AccApp", "H:AccApp="}},
+      // Nested wildcards inherit; a new handle follows the shortest prefix.
+      {"Nw*/1,NwAB*/2", nullptr, {"W:Nw*/1", "W:NwAB*/12", "H:NwABC=12", "N:NwABC=1"}},
+      {"NwABD/3", nullptr, {"S:NwABD/13"}},  // starts from the governing wildcard
+      {"WrX/4,WrXY*/5", nullptr, {}},
+      {"Wr*/1", nullptr, {"S:WrX/14", "W:WrXY*/15", "W:Wr*/1", "H:WrXZ=1", "H:Wq="}},
+      {"Wr*/*", nullptr, {"W:WrXY*/*", "H:WrXZ=*"}},
+      {"Cw*/12,CwX*/3,CwY/4", nullptr, {"H:CwZ=12"}},
+      {nullptr, "Cw*/1", {"W:Cw*/2", "W:CwX*/23", "S:CwY/24", "H:CwZ=2", "H:CwY=24"}},
+      {nullptr, "Cw*/*", {"!W:Cw*", "!W:CwX*", "!S:CwY", "H:CwZ=", "N:CwZ="}},
+  };
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    SCOPED_TRACE(i);
+    if (rows[i].setup)
+      setupTamloDebug(rows[i].setup);
+    if (rows[i].clear)
+      clearTamloDebug(rows[i].clear);
+    Listing const l;
+    for (std::string const& check : rows[i].expected) {
+      bool const absent = check[0] == '!';
+      std::string const what = check.substr(absent ? 3 : 2);
+      char const kind = check[absent ? 1 : 0];
+      size_t const equals = what.find('=');
+      if (kind == 'H' || kind == 'N') {
+        std::string const name = what.substr(0, equals);
+        EXPECT_EQ(levelsOf(kind == 'H' ? held[name] : getDebugHandler(name)),
+                  what.substr(equals + 1))
+            << check;
+      } else {
+        Lines const& section = kind == 'S' ? l.specific : l.wildcard;
+        EXPECT_EQ(absent ? count(section, what) == 0 : has(section, what), true) << check;
+      }
+    }
+  }
+  EXPECT_EQ(count(Listing().specific, ""), 1u);
   // A name no setting covers: only its handles change.
-  handle->enabledIs(2, true);
-  handle->enabledIs(3, true);
+  held["AccApp"]->enabledIs(2, true);
+  held["AccApp"]->enabledIs(3, true);
   clearTamloDebug("AccApp/2");
-  EXPECT_EQ(levelsOf(handle), "3");
+  EXPECT_EQ(levelsOf(held["AccApp"]), "3");
   EXPECT_EQ(count(Listing().specific, "AccApp"), 0u);
   clearTamloDebug(nullptr);  // does nothing, and does not read TRACE
-  EXPECT_EQ(levelsOf(handle), "3");
-}
-
-TEST(DebugTest, NestedWildcardsInheritAndShortestPrefixGoverns) {
-  clearTamloDebug("Nw*/*");  // settings outlive a test: repeatable
-  auto const before = getDebugHandler("NwABC");
-  setupTamloDebug("Nw*/1,NwAB*/2");
-  Listing const l;
-  EXPECT_TRUE(has(l.wildcard, "Nw*/1"));
-  EXPECT_TRUE(has(l.wildcard, "NwAB*/12"));
-  EXPECT_EQ(levelsOf(before), "12");
-  // A new handle is governed by the first prefix in ascending order: "Nw".
-  EXPECT_EQ(levelsOf(getDebugHandler("NwABC")), "1");
-  setupTamloDebug("NwABD/3");  // starts from the governing wildcard
-  EXPECT_TRUE(has(Listing().specific, "NwABD/13"));
-}
-
-TEST(DebugTest, WildcardReachesNarrowerSettingsAndHandles) {
-  clearTamloDebug("Wr*/*");  // settings outlive a test: repeatable
-  setupTamloDebug("WrX/4,WrXY*/5");
-  auto const handle = getDebugHandler("WrXZ");
-  auto const outside = getDebugHandler("Wq");
-  setupTamloDebug("Wr*/1");
-  Listing const l;
-  EXPECT_TRUE(has(l.specific, "WrX/14"));
-  EXPECT_TRUE(has(l.wildcard, "WrXY*/15"));
-  EXPECT_TRUE(has(l.wildcard, "Wr*/1"));
-  EXPECT_EQ(levelsOf(handle), "1");
-  EXPECT_EQ(levelsOf(outside), "");
-  setupTamloDebug("Wr*/*");
-  EXPECT_EQ(levelsOf(handle), "*");
-  EXPECT_TRUE(has(Listing().wildcard, "WrXY*/*"));
-}
-
-TEST(DebugTest, ClearWildcardRemovesLevelsAndEmptiedSettings) {
-  setupTamloDebug("Cw*/12,CwX*/3,CwY/4");
-  auto const handle = getDebugHandler("CwZ");
-  auto const specificHandle = getDebugHandler("CwY");
-  clearTamloDebug("Cw*/1");
-  Listing l;
-  EXPECT_TRUE(has(l.wildcard, "Cw*/2"));
-  EXPECT_TRUE(has(l.wildcard, "CwX*/23"));
-  EXPECT_TRUE(has(l.specific, "CwY/24"));
-  EXPECT_EQ(levelsOf(handle), "2");
-  EXPECT_EQ(levelsOf(specificHandle), "24");
-  clearTamloDebug("Cw*/*");
-  l = Listing();
-  EXPECT_EQ(count(l.wildcard, "Cw*") + count(l.wildcard, "CwX*") + count(l.specific, "CwY"), 0u);
-  EXPECT_EQ(levelsOf(handle), "");
-  EXPECT_EQ(levelsOf(getDebugHandler("CwZ")), "");
+  EXPECT_EQ(levelsOf(held["AccApp"]), "3");
 }
 
 TEST(DebugTest, ClearOfWildcardCoveredNameAddsOneLastingHandle) {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <new>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -176,56 +177,57 @@ TEST_F(TaskSchedulerHistoryTest, EveryEventTypeHasItsDisplayText) {
 }
 
 TEST_F(TaskSchedulerHistoryTest, EventsOfTheWrongKindAreAssertionFailures) {
-  EXPECT_THAT(
-      assertionText([&] { history_.insertTaskEvent(at(0), EventType::schedulerIdle, reader_); }),
-      EndsWith("EventType: 17"));
-  EXPECT_THAT(assertionText([&] { history_.insertTaskEvent(at(0), EventType(26), reader_); }),
-              EndsWith("unexpected eventType=26"));
-  EXPECT_THAT(
-      assertionText([&] { history_.insertSchedulerEvent(at(0), EventType::fdWritable, main_); }),
-      EndsWith("EventType: 16"));
-  EXPECT_THAT(assertionText([&] { history_.insertSchedulerEvent(at(0), EventType(200), main_); }),
-              EndsWith("unexpected eventType=200"));
-  EXPECT_EQ(history_.eventCount(), 0u);
-}
-
-TEST_F(TaskSchedulerHistoryTest, ShrinkingKeepsTheNewest) {
-  insertNumbered(4);
-  history_.entryCountIs(2);
-  EXPECT_EQ(history_.entryCount(), 2u);
-  EXPECT_THAT(storedNames(), ElementsAre("N t3", "N t2"));
-  EXPECT_EQ(refs("N t1"), 0u);
-  insertNumbered(1);
-  EXPECT_THAT(storedNames(), ElementsAre("N t0", "N t3"));
-}
-
-TEST_F(TaskSchedulerHistoryTest, GrowingKeepsEverythingAndMakesRoom) {
-  insertNumbered(3);
-  history_.entryCountIs(3);  // no change
-  history_.entryCountIs(6);
-  EXPECT_THAT(storedNames(), ElementsAre("N t2", "N t1", "N t0"));
-  // The header names the capacity, not the count.
-  EXPECT_THAT(history_.renderTextForDebugToString(),
-              testing::StartsWith("Last 6 scheduler events,"));
-  for (int i = 0; i < 4; ++i) {
-    history_.insertTaskEvent(at(9'000'000 + i), EventType::busy, reader_);
+  struct Row {
+    bool task;
+    EventType type;
+    char const* message;
+  } const rows[] = {{true, EventType::schedulerIdle, "EventType: 17"},
+                    {true, EventType(26), "unexpected eventType=26"},
+                    {false, EventType::fdWritable, "EventType: 16"},
+                    {false, EventType(200), "unexpected eventType=200"}};
+  for (Row const& row : rows) {
+    EXPECT_THAT(assertionText([&] {
+                  if (row.task)
+                    history_.insertTaskEvent(at(0), row.type, reader_);
+                  else
+                    history_.insertSchedulerEvent(at(0), row.type, main_);
+                }),
+                EndsWith(row.message));
   }
-  EXPECT_THAT(storedNames(),
-              ElementsAre("N reader", "N reader", "N reader", "N reader", "N t2", "N t1"));
-}
-
-TEST_F(TaskSchedulerHistoryTest, CapacityZeroRecordsNothing) {
-  history_.entryCountIs(0);
-  history_.insertTaskEvent(at(5), EventType::schedule, reader_);
   EXPECT_EQ(history_.eventCount(), 0u);
-  EXPECT_EQ(refs("N reader"), 1u);
-  EXPECT_EQ(history_.renderTextForDebugToString(),
-            "Last 0 scheduler events, absolute timestamp and relative to last event\n"
-            "----------------------------------------------------------------------\n"
-            "\n");
 }
 
-TEST_F(TaskSchedulerHistoryTest, RendersTheKnownSequenceExactlyToEachDestination) {
+// A ring of four holding `fill` numbered events is resized, then `refill`
+// more (numbered from 0 again) are recorded.
+TEST_F(TaskSchedulerHistoryTest, ResizingKeepsTheNewestThatFit) {
+  struct Row {
+    int fill;
+    size_t capacity;
+    int refill;
+    std::vector<std::string> names;
+  } const rows[] = {
+      {4, 2, 1, {"N t0", "N t3"}},
+      {3, 6, 4, {"N t3", "N t2", "N t1", "N t0", "N t2", "N t1"}},
+      {3, 3, 0, {"N t2", "N t1", "N t0"}},
+      {2, 0, 1, {}},
+  };
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.capacity);
+    history_.entryCountIs(4);
+    history_.clear();
+    insertNumbered(row.fill);
+    history_.entryCountIs(row.capacity);
+    insertNumbered(row.refill);
+    EXPECT_EQ(storedNames(), row.names);
+    // The header names the capacity, not the count.
+    EXPECT_THAT(history_.renderTextForDebugToString(),
+                testing::StartsWith(fmt::format("Last {} scheduler events,", row.capacity)));
+    EXPECT_EQ(history_.stringCache().size(),
+              2 + std::set(row.names.begin(), row.names.end()).size());
+  }
+}
+
+TEST_F(TaskSchedulerHistoryTest, RendersExactlyToEachDestination) {
   recordKnownSequence();
   EXPECT_EQ(history_.renderTextForDebugToString(), knownSequenceText);
   std::ostringstream os;
@@ -244,43 +246,34 @@ TEST_F(TaskSchedulerHistoryTest, RendersTheKnownSequenceExactlyToEachDestination
   EXPECT_EQ(readAll(fds[0]), std::string(knownSequenceText) + "end");
   EXPECT_FALSE(history_.renderTextForDebug(fds[1]));
   ::close(fds[0]);
-}
 
-TEST_F(TaskSchedulerHistoryTest, AFullRingOfOneHundredShowsTheNewestHundredAlsoToADescriptor) {
+  // The relative column truncates toward zero, even for an earlier stamp.
+  history_.clear();
+  history_.insertTaskEvent(at(10'000), EventType::schedule, reader_);
+  history_.insertTaskEvent(at(8'001), EventType::unschedule, reader_);
+  EXPECT_THAT(history_.renderTextForDebugToString(),
+              testing::HasSubstr("                 10000 ns since boot         -1 \xc2\xb5s "));
+
+  // A full ring of a hundred, a large text, to a descriptor.
   TaskSchedulerHistory history(100);
+  std::string expected =
+      "Last 100 scheduler events, absolute timestamp and relative to last event\n" +
+      std::string(72, '-') + "\n";
   for (int i = 0; i < 150; ++i) {
     ConstStringRef const name = history.stringCache().intern("N t" + std::to_string(i));
     history.insertTaskEvent(at(1'000'000 + i * 1000), EventType::runStart, name);
   }
-  std::string const text = history.renderTextForDebugToString();
-  int const fd = ::memfd_create("history", MFD_CLOEXEC);  // a large text to a descriptor
+  for (int i = 149; i >= 50; --i) {
+    expected += fmt::format("{:>22} ns since boot {:>10} \xc2\xb5s run start    N t{}\n",
+                            1'000'000 + i * 1000, 149 - i, i);
+  }
+  int const fd = ::memfd_create("history", MFD_CLOEXEC);
   ASSERT_GE(fd, 0);
   EXPECT_TRUE(history.renderTextForDebug(fd));
   ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
-  EXPECT_EQ(readAll(fd), text);
+  EXPECT_EQ(readAll(fd), expected + "\n");
   ::close(fd);
-  std::istringstream lines(text);
-  std::string line;
-  std::getline(lines, line);
-  EXPECT_EQ(line, "Last 100 scheduler events, absolute timestamp and relative to last event");
-  std::getline(lines, line);
-  for (int shown = 0; shown < 100; ++shown) {
-    int const i = 149 - shown;
-    ASSERT_TRUE(std::getline(lines, line));
-    EXPECT_EQ(line, fmt::format("{:>22} ns since boot {:>10} \xc2\xb5s run start    N t{}",
-                                1'000'000 + i * 1000, shown, i));
-  }
-  ASSERT_TRUE(std::getline(lines, line));
-  EXPECT_EQ(line, "");
-  EXPECT_FALSE(std::getline(lines, line));
   EXPECT_EQ(history.stringCache().size(), 100u);
-}
-
-TEST_F(TaskSchedulerHistoryTest, RelativeColumnTruncatesTowardZero) {
-  history_.insertTaskEvent(at(10'000), EventType::schedule, reader_);
-  history_.insertTaskEvent(at(8'001), EventType::unschedule, reader_);  // stamped earlier
-  EXPECT_THAT(history_.renderTextForDebugToString(),
-              testing::HasSubstr("                 10000 ns since boot         -1 \xc2\xb5s "));
 }
 
 TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {

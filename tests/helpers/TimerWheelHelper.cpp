@@ -4,6 +4,8 @@
 //   TimerWheelHelper expiringSoon destroys an event waiting in the expiring-soon map
 //   TimerWheelHelper nonEmptyList destroys a TimersAtTimeout that still holds an event
 //   TimerWheelHelper stopped      destroys controls stopped first (exits normally)
+//   TimerWheelHelper dueNow       arms a timer for exactly now on a clock that stands
+//                                 still, runs one pass, says whether it was delivered
 // expiringSoon prints "event <pointer>" on standard output first, so that the
 // test can match the message exactly.
 #include <cstdio>
@@ -82,6 +84,32 @@ int stoppedMode() {
   return 0;
 }
 
+int dueNowMode() {
+  // Near 2^55 s a double holds only every eighth second, so the clock reads
+  // the same across a pass.
+  Tamlo::Platform::setFastForward(true);
+  Tamlo::Platform::fastForwardBy(0x1p55);
+  auto const wheel = Tamlo::getTimerWheelForTaskScheduler(Tamlo::Platform::eventPriorityDefault);
+  struct CountingEvent : TimerWheelEvent {
+    void timeout() override { ++delivered; }
+    int delivered = 0;
+  } event;
+  // A pass crossing from one representable time to the next gives no
+  // verdict; the next try does.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    double const now = Tamlo::time();
+    wheel->timerStartAtForTest(&event, now);
+    Tamlo::Platform::doEventLoopInWaitfor(0);
+    wheel->timerStop(&event);
+    if (Tamlo::time() == now) {
+      std::puts(event.delivered == 1 ? "delivered in one pass" : "deferred");
+      return 0;
+    }
+    event.delivered = 0;
+  }
+  return 4;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -94,6 +122,8 @@ int main(int argc, char** argv) {
     return nonEmptyListMode();
   if (std::strcmp(mode, "stopped") == 0)
     return stoppedMode();
+  if (std::strcmp(mode, "dueNow") == 0)
+    return dueNowMode();
   std::fprintf(stderr, "unknown mode '%s'\n", mode);
   return 2;
 }

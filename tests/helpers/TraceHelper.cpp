@@ -2,7 +2,6 @@
 // TRACEFORMAT, TRACEFILE are read by the library's static initialisers).
 //
 //   TraceHelper levels NAME...     prints "NAME/levels" of a new handle each
-//   TraceHelper dump               prints the settings and handles listing
 //   TraceHelper format             prints the eight trace format flags
 //   TraceHelper trace TEXT...      prints its pid, then traces each TEXT on
 //                                  handle "Tamlo" at level 1, then at level 2
@@ -89,10 +88,6 @@ int main(int argc, char** argv) {
   std::string const mode = argc > 1 ? argv[1] : "";
   if (mode == "levels")
     return printLevels(argc, argv);
-  if (mode == "dump") {
-    Tamlo::Platform::dumpTamloDebugMap();
-    return 0;
-  }
   if (mode == "format") {
     Tamlo::Platform::printAllTraceFormat();
     return 0;
@@ -105,6 +100,6 @@ int main(int argc, char** argv) {
     return retry(argv[2]);
   if (mode == "threads" && argc == 4)
     return traceFromThreads(std::atoi(argv[2]), std::atoi(argv[3]));
-  std::fprintf(stderr, "usage: TraceHelper levels|dump|format|trace|reopen|retry|threads ...\n");
+  std::fprintf(stderr, "usage: TraceHelper levels|format|trace|reopen|retry|threads ...\n");
   return 2;
 }
