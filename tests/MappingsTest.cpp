@@ -62,22 +62,27 @@ struct Words {
 };
 
 // Objects of known types, made before a fork so that the child holds them at
-// the same addresses; static, so that the leak checker stays quiet.
+// the same addresses.
 [[gnu::noinline]] std::map<std::string, uintptr_t> const& objects() {
-  static std::map<std::string, uintptr_t> const made = [] {
-    int local = 0;
-    auto at = [](void const* object) { return reinterpret_cast<uintptr_t>(object); };
-    return std::map<std::string, uintptr_t>{
-        {"circle", at(new diag::Circle)},
-        {"box", at(new diag::Box<int>)},
-        {"labelledAsNamed", at(static_cast<diag::Named*>(new diag::Labelled))},
-        {"libraryException", at(new Tamlo::RuntimeException("made in the test"))},
-        {"standardException", at(new std::runtime_error("made in the test"))},
-        {"plainNumber", at(new Words{42})},
-        {"stackPointer", at(new Words{at(&local)})},
-        {"functionPointer", at(new Words{at(reinterpret_cast<void const*>(&objects))})},
-    };
-  }();
+  static diag::Circle const circle;
+  static diag::Box<int> const box;
+  static diag::Labelled const labelled;
+  static Tamlo::RuntimeException const libraryException("made in the test");
+  static std::runtime_error const standardException("made in the test");
+  int const onTheStack = 0;
+  static Words const plainNumber{42}, stackPointer{reinterpret_cast<uintptr_t>(&onTheStack)},
+      functionPointer{reinterpret_cast<uintptr_t>(&objects)};
+  auto at = [](void const* object) { return reinterpret_cast<uintptr_t>(object); };
+  static std::map<std::string, uintptr_t> const made = {
+      {"circle", at(&circle)},
+      {"box", at(&box)},
+      {"labelledAsNamed", at(static_cast<diag::Named const*>(&labelled))},
+      {"libraryException", at(&libraryException)},
+      {"standardException", at(&standardException)},
+      {"plainNumber", at(&plainNumber)},
+      {"stackPointer", at(&stackPointer)},
+      {"functionPointer", at(&functionPointer)},
+  };
   return made;
 }
 
