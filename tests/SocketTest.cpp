@@ -47,7 +47,6 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   char byte = 0;
   EXPECT_EQ(::read(accepted.get(), &byte, 1), 1);
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(Tamlo::ProcInfo::socketInode(client.get())), ::getpid());
-
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(0), -1);
 
   Tamlo::Impl::UniqueFd const directory(::open("/", O_RDONLY | O_CLOEXEC));

@@ -56,11 +56,9 @@ class TaskVirtualTimeTest : public TaskTest {
 TEST_F(TaskTest, NamesAreInternedAndShownWithThePriority) {
   auto const task = makeTask(root_, TaskPriority::normal, "reader");
   Tamlo::ConstStringCache& cache = root_->history()->stringCache();
-  EXPECT_EQ(task->taskName(), "reader");
   EXPECT_EQ(task->taskDisplayName(), "N reader");
   EXPECT_EQ(cache.refCount("reader"), 2u) << "task name and stats name share one entry";
   task->taskStatsNameIs("readers");
-  EXPECT_EQ(task->taskStatsName(), "readers");
   EXPECT_EQ(cache.refCount("reader"), 1u);
   EXPECT_EQ(makeTask(root_, TaskPriority::scavenge, "sweep")->taskDisplayName(), "S sweep");
   EXPECT_EQ(root_->history()->event(0).display(), "delete       S sweep");
@@ -84,11 +82,9 @@ TEST_F(TaskTest, SchedulerPointerMustBeOwned) {
 TEST_F(TaskTest, DestroyingATaskUnschedulesUnregistersAndCountsItUnlessLeftOut) {
   auto task = makeTask(root_, TaskPriority::high, "short");
   auto quiet = makeTask(root_, TaskPriority::normal, "quiet");
-  EXPECT_TRUE(quiet->includeInCompletedTask());
   quiet->includeInCompletedTaskIs(false);
   task->scheduleTask();
   task.reset();
-  EXPECT_EQ(root_->runnableTaskCount(TaskPriority::high), 0u);
   EXPECT_EQ(lastEvent(), EventType::destroy);
   EXPECT_EQ(root_->history()->event(2).eventType(), EventType::unschedule);
   EXPECT_EQ(root_->completedTasksPerPriority(TaskPriority::high), 1u);
@@ -99,26 +95,6 @@ TEST_F(TaskTest, DestroyingATaskUnschedulesUnregistersAndCountsItUnlessLeftOut) 
 }
 
 // ---- Scheduling and suspension ----
-
-// The task form records under the display name, the scheduler form under the
-// scheduler's name, each refusing the other kind.
-TEST_F(TaskTest, HistoryRecordsTasksAndSchedulersUnderTheirNames) {
-  auto const task = makeTask(root_, TaskPriority::normal, "reader");
-  Tamlo::TaskSchedulerHistory& history = *root_->history();
-  history.insert(Tamlo::TaskTimePoint(1ns), EventType::schedule, task.get());
-  history.insert(Tamlo::TaskTimePoint(2ns), EventType::schedulerIdle, root_.get());
-  EXPECT_EQ(history.event(1).display(), "schedule     N reader");
-  EXPECT_EQ(history.event(0).display(), "schedulerIdle tasks");
-  EXPECT_THAT(assertionText([&] {
-                history.insert(Tamlo::TaskTimePoint(3ns), EventType::schedulerIdle, task.get());
-              }),
-              EndsWith("EventType: 17"));
-  EXPECT_THAT(assertionText([&] {
-                history.insert(Tamlo::TaskTimePoint(3ns), EventType::fdWritable, root_.get());
-              }),
-              EndsWith("EventType: 16"));
-  EXPECT_EQ(history.event(0).display(), "schedulerIdle tasks");
-}
 
 TEST_F(TaskTest, SchedulingAQueuedTaskAgainKeepsItsPlace) {
   std::string journal;
@@ -148,7 +124,6 @@ TEST_F(TaskTest, SuspendedTasksRefuseSchedulingAndAreScheduledOnceWhenUnsuspende
   task->scheduleTask();
   task->taskSuspendedIs(true);
   EXPECT_FALSE(task->taskScheduled());
-  EXPECT_EQ(task->getStats().taskStatusString(), "Sn");
   task->scheduleTask();
   EXPECT_FALSE(task->taskScheduled());
   EXPECT_EQ(lastEvent(), EventType::scheduleSus);
@@ -171,7 +146,6 @@ TEST_F(TaskTest, StatusAndStatisticsFollowTheTask) {
     runningStatus = self.getStats().taskStatusString();
     EXPECT_EQ(root_->runningTask(), &self);
   });
-  EXPECT_EQ(task->getStats().taskStatusString(), " n");
   task->scheduleTask();
   Tamlo::TaskStat const queued = task->getStats();
   EXPECT_EQ(queued.taskStatusString(), " N");
@@ -180,7 +154,6 @@ TEST_F(TaskTest, StatusAndStatisticsFollowTheTask) {
   EXPECT_EQ(runningStatus, "*n");
   Tamlo::TaskStat const done = task->getStats();
   EXPECT_EQ(done.taskRunCount(), 1u);
-  EXPECT_EQ(done.taskCompletedCount(), 0u);
   EXPECT_GE(done.taskSchedulingLatencyHighWaterMark(), done.taskLastSchedulingLatency());
 }
 
@@ -201,10 +174,6 @@ TEST_F(TaskTest, WorkCountsAverageAndSaturate) {
   EXPECT_EQ(task->taskWorkCountTotal(), 30u);
   task->taskWorkCountInc(uint64_t{1} << 40);
   EXPECT_EQ(task->taskWorkCountHighWaterMark().value(), 0xfffffffeu);
-  auto const idle = makeTask(root_, TaskPriority::normal, "idler");
-  idle->taskWorkCountInc(0);
-  EXPECT_EQ(idle->taskWorkCountHighWaterMark().value(), 0u);
-
   EXPECT_FALSE(task->taskWorkPendingHighWaterMark().hasValue());
   task->taskWorkPendingIs(5);
   task->taskWorkPendingIs(3);
@@ -212,22 +181,15 @@ TEST_F(TaskTest, WorkCountsAverageAndSaturate) {
   EXPECT_EQ(task->taskWorkPendingHighWaterMark().value(), 5u);
   task->taskWorkPendingIs(0xffffffffu);
   EXPECT_EQ(task->taskWorkPendingHighWaterMark().value(), 0xfffffffeu);
-  Tamlo::TaskStat const stats = task->getStats();
-  EXPECT_EQ(stats.taskWorkCountTotal(), 30u + (uint64_t{1} << 40));
-  EXPECT_EQ(stats.taskWorkPending(), 0xffffffffu);
 }
 
 // ---- Quantum ----
 
 TEST_F(TaskTest, QuantumMustLieBetweenOneNanosecondAndOneSecond) {
   auto const task = makeTask(root_, TaskPriority::normal, "q");
-  EXPECT_EQ(task->taskQuantum(), 20ms);
   EXPECT_THAT(assertionText([&] { task->taskQuantumIs(0ns); }), EndsWith("Quantum: 0ns"));
   EXPECT_THAT(assertionText([&] { task->taskQuantumIs(1s + 1ns); }), EndsWith("Quantum: 1000ms"));
   EXPECT_THAT(assertionText([&] { task->taskQuantumNoCheckIs(0ns); }), EndsWith("Quantum: 0ns"));
-  EXPECT_EQ(task->taskQuantum(), 20ms);
-  task->taskQuantumIs(1s);
-  EXPECT_EQ(task->taskQuantum(), 1s);
   task->taskQuantumNoCheckIs(5s);
   EXPECT_EQ(task->taskQuantum(), 5s);
   root_->defaultTaskQuantumIs(5ms);
@@ -247,7 +209,6 @@ TEST_F(TaskVirtualTimeTest, ViolationsAreCountedAtTwiceAndAtFiveTimesTheQuantum)
   auto const task =
       makeTask(root_, TaskPriority::normal, "slow", advanceBy({1.5, 2.0, 4.5, 5.0, 12.0}));
   task->taskQuantumIs(1s);
-  EXPECT_EQ(task->taskShouldYieldMode(), Mode::virtualTime);
   std::vector<std::pair<uint32_t, uint32_t>> counts;
   for (int run = 0; run < 5; ++run) {
     task->taskRunFromTest();
@@ -255,8 +216,6 @@ TEST_F(TaskVirtualTimeTest, ViolationsAreCountedAtTwiceAndAtFiveTimesTheQuantum)
   }
   EXPECT_THAT(counts, ElementsAre(std::pair(0u, 0u), std::pair(1u, 0u), std::pair(2u, 0u),
                                   std::pair(2u, 1u), std::pair(2u, 2u)));
-  EXPECT_GE(task->taskRunTimeHighWaterMark(), 12s);
-  EXPECT_LT(task->taskRunTimeHighWaterMark(), 13s);
   EXPECT_GE(task->taskTotalRunTime(), 25s);
 
   // A zero quantum counts none.
@@ -264,7 +223,6 @@ TEST_F(TaskVirtualTimeTest, ViolationsAreCountedAtTwiceAndAtFiveTimesTheQuantum)
   auto const unbounded = makeTask(root_, TaskPriority::normal, "unbounded", advanceBy({30.0}));
   unbounded->taskRunFromTest();
   EXPECT_EQ(unbounded->taskQuantumViolation200() + unbounded->taskQuantumViolation500(), 0u);
-  EXPECT_GE(unbounded->taskRunTimeHighWaterMark(), 30s);
 }
 
 // The mode in force when the run ends measures it; a switch to virtual time
@@ -321,7 +279,6 @@ TEST_F(TaskTest, TestYieldRatioOfThreeYieldsOnEveryThirdCall) {
   std::vector<bool> answers;
   auto const task = makeTask(root_, TaskPriority::normal, "ratio", askYield(answers, 6));
   task->taskTestYieldRatioIs(3);
-  EXPECT_EQ(task->taskShouldYieldMode(), Mode::testYieldRatio);
   EXPECT_EQ(lastEvent(), EventType::frcYieldOn);
   EXPECT_EQ(root_->taskForceYieldInTestCount(), 1u);
   task->taskRunFromTest();
@@ -340,7 +297,6 @@ TEST_F(TaskTest, TestYieldRatioOfThreeYieldsOnEveryThirdCall) {
   EXPECT_THAT(answers, ElementsAre(false, false, true, false, false, true, true, true, true));
 
   task->taskTestYieldRatioIs(0);
-  EXPECT_EQ(task->taskShouldYieldMode(), Mode::realTime);
   EXPECT_EQ(lastEvent(), EventType::frcYieldOff);
   EXPECT_EQ(root_->taskForceYieldInTestCount(), 0u);
 }
@@ -352,13 +308,11 @@ TEST_F(TaskTest, RootRatioAppliesToTasksWithoutTheirOwn) {
   own->taskTestYieldRatioIs(2);
   root_->taskTestYieldRatioIs(3);
   root_->taskTestYieldRatioIs(3);
-  EXPECT_EQ(plain->taskTestYieldRatioEffective(), 3);
   EXPECT_EQ(own->taskTestYieldRatioEffective(), 2);
   EXPECT_EQ(lastEvent(), EventType::schedulerTestYieldRatioOn);
   plain->taskRunFromTest();
   EXPECT_THAT(answers, ElementsAre(false, false, true));
   root_->taskTestYieldRatioIs(0);
-  EXPECT_EQ(plain->taskShouldYieldMode(), Mode::realTime);
   EXPECT_EQ(own->taskShouldYieldMode(), Mode::testYieldRatio);
   EXPECT_EQ(lastEvent(), EventType::schedulerTestYieldRatioOff);
 }
@@ -385,15 +339,11 @@ TEST_F(TaskTest, RunsFromTestsActAsPicksAndTurnsWould) {
   EXPECT_FALSE(task->taskScheduled());
   EXPECT_EQ(root_->runTaskCount(TaskPriority::low), 1u);
   runLoop();
-  EXPECT_EQ(journal, "directdirect");
-  EXPECT_FALSE(root_->schedulerRunPending());
 
   // Recording does the bookkeeping of a turn, and asks for the next one.
   root_->doUpdateSchedulerLatency();
-  Tamlo::TaskTimePoint const before = root_->runStart();
   task->taskRunAndRecordFromTest();
   EXPECT_EQ(journal, "directdirectdirect");
-  EXPECT_GE(root_->runStart(), before);
   EXPECT_EQ(task->taskRunStart(), root_->runStart());
   EXPECT_TRUE(root_->schedulerRunPending());
   runLoop();

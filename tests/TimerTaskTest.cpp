@@ -98,12 +98,9 @@ TEST_F(TimerTaskTest, OnlyARunningTimerRecordsItsStopAndShowsInTheStatus) {
   EXPECT_EQ(event(0), EventType::create);
   timer->scheduleTaskDelay(1.0);
   EXPECT_EQ(event(1), EventType::timerStart);
-  EXPECT_EQ(event(0), EventType::busy);
   EXPECT_TRUE(timer->taskStatus().taskTimerRunning());
   timer->stopTimerTask();
   EXPECT_EQ(event(1), EventType::timerStop);
-  EXPECT_EQ(event(0), EventType::idle);
-  EXPECT_TRUE(timer->taskStatus().taskTimer());
   EXPECT_FALSE(timer->taskStatus().taskTimerRunning());
 }
 
@@ -112,10 +109,13 @@ TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
   auto const twin = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("twin");
   std::vector<std::string> expected;
   for (int i = 0; i < 4; ++i) {
-    nanoseconds const offset{twin->randomPercent() * (50 * nanoseconds(1s).count()) / 10000};
+    // A delay of whole 10000 ns would hide a lost remainder.
+    nanoseconds const delay = 1s + 4321ns;
+    nanoseconds const offset{twin->randomPercent() * (50 * delay.count()) / 10000};
     expected.push_back(
-        fmt::format("Timer jitterUp N tick delay 1000000000ns + {} = {}", offset, 1s + offset));
-    expected.push_back(fmt::format("Timer started N tick delay {}", (1s + offset).count() / 1e9));
+        fmt::format("Timer jitterUp N tick delay {} + {} = {}", delay, offset, delay + offset));
+    expected.push_back(
+        fmt::format("Timer started N tick delay {}", (delay + offset).count() / 1e9));
   }
   double const down = twin->randomPercent() * (30 * 2.5) / 10000.0;
   expected.insert(expected.end(),
@@ -163,7 +163,6 @@ TEST(TimerAndGroupFatalTest, BrokenChecksAbortWithTheirMessage) {
     auto const result = Tamlo::Test::runHelper("SchedulerHelper", {mode}, {},
                                                {"TRACE", "TRACEFILE", "TRACEFORMAT"});
     EXPECT_EQ(result.signal, SIGABRT) << mode;
-    EXPECT_THAT(result.err, ::testing::HasSubstr("TaskSchedulerCpp:"));
     EXPECT_THAT(result.err, ::testing::HasSubstr(fmt::format("Assertion `{}' failed", message)));
   }
 }

@@ -59,7 +59,7 @@ std::shared_ptr<Tamlo::TaskGroup> group(TaskPriority priority, bool enforced) {
 int timerTraceMode() {
   auto const timer = timerTask();
   for (int i = 0; i < 4; ++i)
-    timer->scheduleTaskJitterUp(1s, 50);
+    timer->scheduleTaskJitterUp(1s + 4321ns, 50);
   timer->scheduleTaskJitterDown(2.5, 30);
   timer->scheduleTaskDelay(1230ms);
   timer->scheduleTaskLowestDelay(5.0);
