@@ -17,7 +17,8 @@
 // non-blocking, close-on-exec sockets: a slow, silent or vanishing client
 // costs its own connection and nothing else. A connection that makes no
 // progress (bytes read or written) for idleTimeout is closed: a client silent
-// from the start after exactly idleTimeout, one that stalls later within two.
+// from the start after idleTimeout, one that stalls later within two (the
+// timer wheel may round each check up by a tick).
 // A client that goes away mid-answer ends its connection quietly (no SIGPIPE;
 // the process's signal dispositions are left alone).
 //
