@@ -23,6 +23,18 @@ void writeString(TaskSchedulerPrintContext::Writer& writer, std::string_view tex
   writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
+// TaskPriority::toStrep(), made once per priority rather than per task.
+void writePriority(TaskSchedulerPrintContext::Writer& writer, TaskPriority priority) {
+  static std::string const names[] = {
+      TaskPriority(TaskPriority::absolute).toStrep(), TaskPriority(TaskPriority::high).toStrep(),
+      TaskPriority(TaskPriority::normal).toStrep(), TaskPriority(TaskPriority::low).toStrep(),
+      TaskPriority(TaskPriority::scavenge).toStrep()};
+  if (priority.value() < std::size(names))
+    writeString(writer, names[priority.value()]);
+  else
+    writeString(writer, priority.toStrep());
+}
+
 }  // namespace
 
 TaskSchedulerSnapshot::TaskSchedulerSnapshot(TaskScheduler const& scheduler,
@@ -157,10 +169,13 @@ void TaskSchedulerSnapshot::renderJsonTask(TaskSchedulerPrintContext& context,
   writeString(writer, stat->taskName());
   if (!completedTable) {
     writer.Key("address");
-    writeString(writer, stat->taskKey().toStrep());
+    // As TaskKey::toStrep(), without a string made for every task.
+    char address[24];
+    auto const end = fmt::format_to_n(address, sizeof address, "@{}", stat->taskKey().value());
+    writer.String(address, rapidjson::SizeType(end.size));
   }
   writer.Key("priority");
-  writeString(writer, stat->taskPriority().toStrep());
+  writePriority(writer, stat->taskPriority());
   if (status.taskIsTaskGroup()) {
     // A completed parent task's group is gone; only live ones have a key.
     auto const sub = subSchedulerKeys_.find(stat->taskKey());

@@ -176,7 +176,6 @@ void rapidJsonPlainStructs(benchmark::State& state) {
 BENCHMARK(rapidJsonPlainStructs)->Unit(benchmark::kMillisecond);
 
 double longestRunMs = 0;
-size_t bytesWritten = 0;
 
 void snapshotJsonAsyncToPipe(benchmark::State& state) {
   Tree& t = tree();
