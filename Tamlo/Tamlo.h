@@ -41,6 +41,7 @@
 #include <Tamlo/TaskScheduler.h>
 #include <Tamlo/TaskSchedulerHistory.h>
 #include <Tamlo/TaskSchedulerSnapshot.h>
+#include <Tamlo/TaskSchedulerStatsSocket.h>
 #include <Tamlo/TaskStat.h>
 #include <Tamlo/TaskTime.h>
 #include <Tamlo/Terminate.h>

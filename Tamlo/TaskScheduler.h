@@ -23,6 +23,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <memory>
@@ -55,6 +56,7 @@ class TaskImpl;
 class TaskScheduler;
 class TaskSchedulerRoot;
 class TaskSchedulerSnapshot;
+class TaskSchedulerStatsSocket;
 class TimerWheel;
 
 namespace Impl {
@@ -496,6 +498,19 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
                        bool includeHistory) const;
   std::string statsRenderJsonToString(bool includeAll, bool includeCompleted,
                                       bool includeHistory) const;
+  // The snapshot written to `fd` by tasks of this scheduler, a slice at a
+  // time, so that a large tree never holds the event loop for much more than
+  // a quantum (TaskSchedulerRenderJson.h): {"schedulers": [<this
+  // scheduler>], "historyEntryCount", "history" (with includeHistory)}.
+  // Returns at once; `done` is called from the loop when the writing ended,
+  // true when every byte was written. The descriptor stays the caller's, who
+  // closes it (after `done`); it must be blocking, and is non-blocking only
+  // while written. A bad descriptor throws RuntimeException, a non-blocking
+  // one UnimplementedException ("fd <n> is non-blocking, not supported"); a
+  // reader that goes away (EPIPE) ends the writing with `done(false)`, never
+  // with SIGPIPE. Checks the thread.
+  void snapshotRenderJsonAsync(int fd, bool includeAll, bool includeCompleted, bool includeHistory,
+                               std::function<void(bool written)> done = {});
 
  protected:
   // Turn bookkeeping: the run starts now; the delay since the last request is
@@ -664,6 +679,11 @@ class TaskSchedulerRoot : public TaskScheduler, private Platform::CallbackHandle
   std::string historyRenderTraceEventsToString() const {
     return history()->renderTraceEventsToString(schedulerName(), pid_);
   }
+  // Listens on the abstract Unix socket `name` ("myserver-stats" or
+  // "@myserver-stats") and answers every client with a report of this tree
+  // until the returned object is destroyed (TaskSchedulerStatsSocket.h).
+  // Opt-in; checks the thread.
+  std::unique_ptr<TaskSchedulerStatsSocket> statsSocketListen(std::string const& name);
   // Leaves `fd` open; false when the trace could not be written whole.
   bool historyRenderTraceEvents(int fd) const {
     return history()->renderTraceEvents(fd, schedulerName(), pid_);

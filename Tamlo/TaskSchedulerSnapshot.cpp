@@ -23,6 +23,18 @@ void writeString(TaskSchedulerPrintContext::Writer& writer, std::string_view tex
   writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
+// TaskPriority::toStrep(), made once per priority rather than per task.
+void writePriority(TaskSchedulerPrintContext::Writer& writer, TaskPriority priority) {
+  static std::string const names[] = {
+      TaskPriority(TaskPriority::absolute).toStrep(), TaskPriority(TaskPriority::high).toStrep(),
+      TaskPriority(TaskPriority::normal).toStrep(), TaskPriority(TaskPriority::low).toStrep(),
+      TaskPriority(TaskPriority::scavenge).toStrep()};
+  if (priority.value() < std::size(names))
+    writeString(writer, names[priority.value()]);
+  else
+    writeString(writer, priority.toStrep());
+}
+
 }  // namespace
 
 TaskSchedulerSnapshot::TaskSchedulerSnapshot(TaskScheduler const& scheduler,
@@ -71,6 +83,23 @@ void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const
 }
 
 void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) const {
+  renderJsonHeader(context);
+  renderJsonTasks(context, tasks_, "tasks", skipped_, false);
+  if (!completedTasks_.empty())
+    renderJsonTasks(context, completedTasks_, "completedTasks", completedSkipped_, true);
+
+  auto& writer = context.writer();
+  writer.Key("subSchedulers");
+  writer.StartObject();
+  for (TaskSchedulerSnapshot const& sub : subSchedulers_) {
+    writeKey(writer, sub.key_);
+    sub.renderJson(context);
+  }
+  writer.EndObject();
+  renderJsonHistory(context);
+}
+
+void TaskSchedulerSnapshot::renderJsonHeader(TaskSchedulerPrintContext& context) const {
   auto& writer = context.writer();
   writer.Key("schedulerName");
   writeString(writer, schedulerName_);
@@ -100,23 +129,26 @@ void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) c
 
   writer.Key("maxSchedulerSlip");
   writer.Double(seconds(maxSchedulerSlip_));
-  renderJsonTasks(context, tasks_, "tasks", skipped_, false);
-  if (!completedTasks_.empty())
-    renderJsonTasks(context, completedTasks_, "completedTasks", completedSkipped_, true);
-
-  writer.Key("subSchedulers");
-  writer.StartObject();
-  for (TaskSchedulerSnapshot const& sub : subSchedulers_) {
-    writeKey(writer, sub.key_);
-    sub.renderJson(context);
-  }
-  writer.EndObject();
-  renderJsonHistory(context);
 }
 
 void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
                                             std::vector<TaskStat> const& stats, char const* key,
                                             uint32_t skipped, bool completedTable) const {
+  auto& writer = context.writer();
+  writer.Key(key);
+  writer.StartObject();
+  writer.Key("tasks");
+  writer.StartArray();
+  for (TaskStat const* stat : sortedByRunTime(stats))
+    renderJsonTask(context, *stat, completedTable);
+  writer.EndArray();
+  writer.Key("skipped");
+  writer.Uint(skipped);
+  writer.EndObject();
+}
+
+std::vector<TaskStat const*> TaskSchedulerSnapshot::sortedByRunTime(
+    std::vector<TaskStat> const& stats) {
   std::vector<TaskStat const*> sorted;
   sorted.reserve(stats.size());
   for (TaskStat const& stat : stats)
@@ -124,83 +156,81 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
   std::stable_sort(sorted.begin(), sorted.end(), [](TaskStat const* a, TaskStat const* b) {
     return a->taskTotalRunTime() > b->taskTotalRunTime();
   });
+  return sorted;
+}
 
+void TaskSchedulerSnapshot::renderJsonTask(TaskSchedulerPrintContext& context,
+                                           TaskStat const& statRef, bool completedTable) const {
+  TaskStat const* const stat = &statRef;
   auto& writer = context.writer();
-  writer.Key(key);
+  TaskStat::TaskStatus const status = stat->taskStatus();
   writer.StartObject();
-  writer.Key("tasks");
-  writer.StartArray();
-  for (TaskStat const* stat : sorted) {
-    TaskStat::TaskStatus const status = stat->taskStatus();
+  writer.Key("name");
+  writeString(writer, stat->taskName());
+  if (!completedTable) {
+    writer.Key("address");
+    // As TaskKey::toStrep(), without a string made for every task.
+    char address[24];
+    auto const end = fmt::format_to_n(address, sizeof address, "@{}", stat->taskKey().value());
+    writer.String(address, rapidjson::SizeType(end.size));
+  }
+  writer.Key("priority");
+  writePriority(writer, stat->taskPriority());
+  if (status.taskIsTaskGroup()) {
+    // A completed parent task's group is gone; only live ones have a key.
+    auto const sub = subSchedulerKeys_.find(stat->taskKey());
+    if (!completedTable && sub != subSchedulerKeys_.end()) {
+      writer.Key("subScheduler");
+      writeString(writer, sub->second);
+    }
+  }
+  writer.Key("onRunQueue");
+  writer.Bool(status.taskOnRunQueue());
+  writer.Key("currentlyRunning");
+  writer.Bool(status.taskCurrentlyRunning());
+  writer.Key("suspended");
+  writer.Bool(status.taskSuspended());
+  writer.Key("hasTimer");
+  writer.Bool(status.taskTimer());
+  writer.Key("timerRunning");
+  writer.Bool(status.taskTimerRunning());
+  writer.Key("runCount");
+  writer.Uint64(stat->taskRunCount());
+  writer.Key("totalRunTime");
+  writer.Double(seconds(stat->taskTotalRunTime()));
+  writer.Key("lastSchedulingLatency");
+  writer.Double(seconds(stat->taskLastSchedulingLatency()));
+  writer.Key("schedulingLatencyHighWaterMark");
+  writer.Double(seconds(stat->taskSchedulingLatencyHighWaterMark()));
+  writer.Key("qv200");
+  writer.Uint(stat->taskQuantumViolation200());
+  writer.Key("qv500");
+  writer.Uint(stat->taskQuantumViolation500());
+  writer.Key("maxMs");
+  // Truncated to whole milliseconds, as in the text report.
+  writer.Uint64(static_cast<uint64_t>(stat->taskRunTimeHighWaterMark().count() / 1'000'000));
+  if (completedTable) {
+    writer.Key("completedCount");
+    writer.Uint64(stat->taskCompletedCount());
+  }
+  if (stat->taskWorkCountHighWaterMark().hasValue()) {
+    writer.Key("workCount");
     writer.StartObject();
-    writer.Key("name");
-    writeString(writer, stat->taskName());
-    if (!completedTable) {
-      writer.Key("address");
-      writeString(writer, stat->taskKey().toStrep());
-    }
-    writer.Key("priority");
-    writeString(writer, stat->taskPriority().toStrep());
-    if (status.taskIsTaskGroup()) {
-      // A completed parent task's group is gone; only live ones have a key.
-      auto const sub = subSchedulerKeys_.find(stat->taskKey());
-      if (!completedTable && sub != subSchedulerKeys_.end()) {
-        writer.Key("subScheduler");
-        writeString(writer, sub->second);
-      }
-    }
-    writer.Key("onRunQueue");
-    writer.Bool(status.taskOnRunQueue());
-    writer.Key("currentlyRunning");
-    writer.Bool(status.taskCurrentlyRunning());
-    writer.Key("suspended");
-    writer.Bool(status.taskSuspended());
-    writer.Key("hasTimer");
-    writer.Bool(status.taskTimer());
-    writer.Key("timerRunning");
-    writer.Bool(status.taskTimerRunning());
-    writer.Key("runCount");
-    writer.Uint64(stat->taskRunCount());
-    writer.Key("totalRunTime");
-    writer.Double(seconds(stat->taskTotalRunTime()));
-    writer.Key("lastSchedulingLatency");
-    writer.Double(seconds(stat->taskLastSchedulingLatency()));
-    writer.Key("schedulingLatencyHighWaterMark");
-    writer.Double(seconds(stat->taskSchedulingLatencyHighWaterMark()));
-    writer.Key("qv200");
-    writer.Uint(stat->taskQuantumViolation200());
-    writer.Key("qv500");
-    writer.Uint(stat->taskQuantumViolation500());
-    writer.Key("maxMs");
-    // Truncated to whole milliseconds, as in the text report.
-    writer.Uint64(static_cast<uint64_t>(stat->taskRunTimeHighWaterMark().count() / 1'000'000));
-    if (completedTable) {
-      writer.Key("completedCount");
-      writer.Uint64(stat->taskCompletedCount());
-    }
-    if (stat->taskWorkCountHighWaterMark().hasValue()) {
-      writer.Key("workCount");
-      writer.StartObject();
-      writer.Key("total");
-      writer.Uint64(stat->taskWorkCountTotal());
-      writer.Key("decayingAvg");
-      writer.Double(stat->taskWorkCountDecayingAvg());
-      writer.Key("highwater");
-      writer.Uint(stat->taskWorkCountHighWaterMark().raw());
-      writer.EndObject();
-      writer.Key("workPending");
-      writer.StartObject();
-      writer.Key("pending");
-      writer.Uint(stat->taskWorkPending());
-      writer.Key("highwater");
-      writer.Uint(stat->taskWorkPendingHighWaterMark().valueOr(0));
-      writer.EndObject();
-    }
+    writer.Key("total");
+    writer.Uint64(stat->taskWorkCountTotal());
+    writer.Key("decayingAvg");
+    writer.Double(stat->taskWorkCountDecayingAvg());
+    writer.Key("highwater");
+    writer.Uint(stat->taskWorkCountHighWaterMark().raw());
+    writer.EndObject();
+    writer.Key("workPending");
+    writer.StartObject();
+    writer.Key("pending");
+    writer.Uint(stat->taskWorkPending());
+    writer.Key("highwater");
+    writer.Uint(stat->taskWorkPendingHighWaterMark().valueOr(0));
     writer.EndObject();
   }
-  writer.EndArray();
-  writer.Key("skipped");
-  writer.Uint(skipped);
   writer.EndObject();
 }
 

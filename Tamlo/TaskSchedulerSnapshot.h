@@ -74,6 +74,14 @@ class TaskSchedulerSnapshot {
   // One task table ({"tasks": [...], "skipped": n}) under `key`.
   void renderJsonTasks(TaskSchedulerPrintContext& context, std::vector<TaskStat> const& stats,
                        char const* key, uint32_t skipped, bool completedTable) const;
+  // The members before the task tables ("schedulerName" .. "maxSchedulerSlip"),
+  // one task object, and the task records in table order (by total run time,
+  // largest first): the pieces of renderJsonImpl, for renderers that write a
+  // large scheduler a slice at a time.
+  void renderJsonHeader(TaskSchedulerPrintContext& context) const;
+  void renderJsonTask(TaskSchedulerPrintContext& context, TaskStat const& stat,
+                      bool completedTable) const;
+  static std::vector<TaskStat const*> sortedByRunTime(std::vector<TaskStat> const& stats);
   // "historyEntryCount" and "history", when the snapshot has them.
   void renderJsonHistory(TaskSchedulerPrintContext& context) const;
   std::string renderJsonToString() const;

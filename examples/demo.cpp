@@ -1,8 +1,8 @@
 // A tour of the library: trace handles switched on by TRACE and laid out by
 // TRACEFORMAT, the settings listing, an exception with its backtrace, a
 // plugin loaded by name, tasks of mixed priorities, an echo through
-// file-descriptor tasks, and a jittered timer task and a task group in
-// virtual time.
+// file-descriptor tasks, a jittered timer task and a task group in virtual
+// time, and the text report asked for over the live stats socket.
 //
 //   TRACE='Demo*/123' TRACEFORMAT=time,handle,level,func-name ./demo
 #include <Tamlo/Tamlo.h>
@@ -10,8 +10,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -167,6 +169,35 @@ void timerTaskAndGroupDemo() {
   Tamlo::Platform::setFastForward(false);
 }
 
+// The live stats socket: the main thread's scheduler listens on an abstract
+// socket, and a client on a second thread asks for the text report the way
+// `echo text | socat - ABSTRACT-CONNECT:<name>` would. The loop serves it
+// meanwhile; the first lines of the answer are printed.
+void statsSocketDemo() {
+  section("The scheduler's text report, asked for over its stats socket");
+  std::string const name = "tamlo-demo-stats-" + std::to_string(::getpid());
+  auto const server = Tamlo::schedulerRootTamlo()->statsSocketListen("@" + name);
+  std::string answer;
+  std::atomic<bool> answered{false};
+  std::thread client([&] {
+    int const fd = Tamlo::connectAbstract(name);
+    [[maybe_unused]] ssize_t const sent = ::write(fd, "text\n", 5);
+    char buffer[4096];
+    ssize_t count;
+    while ((count = ::read(fd, buffer, sizeof buffer)) > 0)
+      answer.append(buffer, size_t(count));
+    ::close(fd);
+    answered = true;
+  });
+  while (!answered)
+    Tamlo::Platform::doEventLoopInWaitfor(0.01);
+  client.join();
+  size_t end = 0;
+  for (int line = 0; line < 8 && end != std::string::npos; ++line)
+    end = answer.find('\n', end + 1);
+  std::printf("%s\n", answer.substr(0, end).c_str());
+}
+
 }  // namespace
 
 int main() {
@@ -230,5 +261,6 @@ int main() {
 
   echoOverSocketpair();
   timerTaskAndGroupDemo();
+  statsSocketDemo();
   return 0;
 }
