@@ -70,7 +70,8 @@ class FileDescriptorTask : public _TaskBase, private Platform::FdEventHandler {
   int taskWatchFd() const;
   // Another descriptor takes both directions off their run queues first;
   // the same one changes nothing. The descriptor is made non-blocking and is
-  // never closed here.
+  // never closed here. Closing a watched descriptor: call taskWatchFdDel()
+  // first, or a new file that reuses the number is taken for the old one.
   void taskWatchFdIs(int fd);
   // Unschedules both directions and forgets the descriptor.
   void taskWatchFdDel();
