@@ -48,14 +48,22 @@ class TemporaryRunQueues {
 
 TaskGroup::ParentTask::ParentTask(std::shared_ptr<TaskScheduler> parent, TaskPriority priority,
                                   std::string const& groupName, TaskGroup* group)
-    : Task(std::move(parent), priority, "TaskGroup;" + groupName), group_(group) {}
+    : Task(std::move(parent), priority, "TaskGroup;" + groupName), group_(group) {
+  taskIsGroupParentIs(true);
+}
+
+// The task's own destructor, which folds its statistics, then sees a plain
+// task, as the type it destroys is one by then.
+TaskGroup::ParentTask::~ParentTask() {
+  taskIsGroupParentIs(false);
+}
 
 // Here rather than with the other task operations: only this module knows
 // the parent task's type.
 TaskGroup* TaskImpl::isTaskGroup() const {
-  auto const* const parent = dynamic_cast<TaskGroup::ParentTask const*>(this);
-  if (parent == nullptr)
+  if ((taskFlags_ & taskFlagGroupParent) == 0)
     return nullptr;
+  auto const* const parent = static_cast<TaskGroup::ParentTask const*>(this);
   TAMLO_TASK_FATAL_ASSERT(parent->group() != nullptr, "TaskGroup is non-null");
   return parent->group();
 }

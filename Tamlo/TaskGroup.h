@@ -39,6 +39,7 @@ class TaskGroup : public TaskScheduler {
    public:
     ParentTask(std::shared_ptr<TaskScheduler> parent, TaskPriority priority,
                std::string const& groupName, TaskGroup* group);
+    ~ParentTask() override;
 
     // Null once the group is gone.
     TaskGroup* group() const { return group_; }

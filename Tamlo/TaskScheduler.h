@@ -248,12 +248,21 @@ class TaskImpl : public _TaskBase {
   // state. For the scheduler and for specialised tasks.
   void unscheduleTaskPrivate(TaskTimePoint now);
 
+  // Set by a task group's parent task for its lifetime, so that
+  // isTaskGroup() tells the type without a dynamic_cast: it is asked for
+  // every task whose statistics are read.
+  void taskIsGroupParentIs(bool on) {
+    taskFlags_ =
+        on ? uint8_t(taskFlags_ | taskFlagGroupParent) : uint8_t(taskFlags_ & ~taskFlagGroupParent);
+  }
+
  private:
   friend class TaskScheduler;
   friend class TaskRunQueue;
 
   static constexpr uint8_t taskFlagSuspended = 0x01;
   static constexpr uint8_t taskFlagIncludeInCompleted = 0x02;
+  static constexpr uint8_t taskFlagGroupParent = 0x04;
 
   void handleInitialized();
   // The measured run, after the scheduler picked the task. `end` receives the
