@@ -13,6 +13,7 @@
 
 #include <Tamlo/FdToStream.h>
 #include <Tamlo/TaskScheduler.h>
+#include <Tamlo/TaskSchedulerSnapshot.h>
 
 namespace Tamlo {
 
@@ -154,14 +155,7 @@ void TaskSchedulerRoot::statsRenderTextImpl(std::ostream& os, TaskSchedulerQueue
 void TaskSchedulerRoot::statsRenderTextTasks(std::ostream& os, std::vector<TaskStat> const& stats,
                                              std::string const& title, unsigned skipped,
                                              bool completedTable, bool showKeys) {
-  std::vector<TaskStat const*> sorted;
-  sorted.reserve(stats.size());
-  for (TaskStat const& stat : stats)
-    sorted.push_back(&stat);
-  std::stable_sort(sorted.begin(), sorted.end(), [](TaskStat const* a, TaskStat const* b) {
-    return a->taskTotalRunTime() > b->taskTotalRunTime();
-  });
-
+  std::vector<TaskStat const*> const sorted = TaskSchedulerSnapshot::sortedByRunTime(stats);
   std::vector<std::string> names;
   names.reserve(sorted.size());
   size_t width = 0;
