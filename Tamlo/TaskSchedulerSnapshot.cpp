@@ -1,11 +1,13 @@
 #include <Tamlo/TaskSchedulerSnapshot.h>
 
 #include <algorithm>
+#include <cstring>
 #include <ostream>
 #include <string_view>
 
 #include <Tamlo/TaskGroup.h>
 #include <Tamlo/TaskSchedulerPrintContext.h>
+#include <fmt/format.h>
 
 namespace Tamlo {
 
@@ -17,6 +19,13 @@ double seconds(TaskTimeDuration duration) {
 
 void writeKey(TaskSchedulerPrintContext::Writer& writer, std::string_view key) {
   writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+}
+
+// A literal's length is known here; the writer would otherwise measure it
+// again for each of the tens of thousands of keys a large tree has.
+template <size_t N>
+void writeKey(TaskSchedulerPrintContext::Writer& writer, char const (&key)[N]) {
+  writer.Key(key, N - 1);
 }
 
 void writeString(TaskSchedulerPrintContext::Writer& writer, std::string_view text) {
@@ -89,7 +98,7 @@ void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) c
     renderJsonTasks(context, completedTasks_, "completedTasks", completedSkipped_, true);
 
   auto& writer = context.writer();
-  writer.Key("subSchedulers");
+  writeKey(writer, "subSchedulers");
   writer.StartObject();
   for (TaskSchedulerSnapshot const& sub : subSchedulers_) {
     writeKey(writer, sub.key_);
@@ -101,33 +110,33 @@ void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) c
 
 void TaskSchedulerSnapshot::renderJsonHeader(TaskSchedulerPrintContext& context) const {
   auto& writer = context.writer();
-  writer.Key("schedulerName");
+  writeKey(writer, "schedulerName");
   writeString(writer, schedulerName_);
   if (displayOrder_ != noDisplayOrder) {
-    writer.Key("displayOrder");
+    writeKey(writer, "displayOrder");
     writer.Uint(displayOrder_);
   }
-  writer.Key("isRootScheduler");
+  writeKey(writer, "isRootScheduler");
   writer.Bool(isRootScheduler_);
 
-  writer.Key("priorityStats");
+  writeKey(writer, "priorityStats");
   writer.StartObject();
   for (auto const& [priority, counts] : queueStats_) {
     writeKey(writer, priority.toStrep());
     writer.StartObject();
-    writer.Key("runnableTasks");
+    writeKey(writer, "runnableTasks");
     writer.Uint(counts.runnableTasks);
-    writer.Key("idleTasks");
+    writeKey(writer, "idleTasks");
     writer.Uint64(counts.idleTasks);
-    writer.Key("completedTasks");
+    writeKey(writer, "completedTasks");
     writer.Uint64(counts.completedTasks);
-    writer.Key("totalRunCount");
+    writeKey(writer, "totalRunCount");
     writer.Uint64(counts.totalRunCount);
     writer.EndObject();
   }
   writer.EndObject();
 
-  writer.Key("maxSchedulerSlip");
+  writeKey(writer, "maxSchedulerSlip");
   writer.Double(seconds(maxSchedulerSlip_));
 }
 
@@ -137,12 +146,12 @@ void TaskSchedulerSnapshot::renderJsonTasks(TaskSchedulerPrintContext& context,
   auto& writer = context.writer();
   writer.Key(key);
   writer.StartObject();
-  writer.Key("tasks");
+  writeKey(writer, "tasks");
   writer.StartArray();
   for (TaskStat const* stat : sortedByRunTime(stats))
     renderJsonTask(context, *stat, completedTable);
   writer.EndArray();
-  writer.Key("skipped");
+  writeKey(writer, "skipped");
   writer.Uint(skipped);
   writer.EndObject();
 }
@@ -165,69 +174,70 @@ void TaskSchedulerSnapshot::renderJsonTask(TaskSchedulerPrintContext& context,
   auto& writer = context.writer();
   TaskStat::TaskStatus const status = stat->taskStatus();
   writer.StartObject();
-  writer.Key("name");
+  writeKey(writer, "name");
   writeString(writer, stat->taskName());
   if (!completedTable) {
-    writer.Key("address");
-    // As TaskKey::toStrep(), without a string made for every task.
-    char address[24];
-    auto const end = fmt::format_to_n(address, sizeof address, "@{}", stat->taskKey().value());
-    writer.String(address, rapidjson::SizeType(end.size));
+    writeKey(writer, "address");
+    // As TaskKey::toStrep(), without a string or a format parse per task.
+    fmt::format_int const digits(stat->taskKey().value());
+    char address[24] = {'@'};
+    std::memcpy(address + 1, digits.data(), digits.size());
+    writer.String(address, rapidjson::SizeType(digits.size() + 1));
   }
-  writer.Key("priority");
+  writeKey(writer, "priority");
   writePriority(writer, stat->taskPriority());
   if (status.taskIsTaskGroup()) {
     // A completed parent task's group is gone; only live ones have a key.
     auto const sub = subSchedulerKeys_.find(stat->taskKey());
     if (!completedTable && sub != subSchedulerKeys_.end()) {
-      writer.Key("subScheduler");
+      writeKey(writer, "subScheduler");
       writeString(writer, sub->second);
     }
   }
-  writer.Key("onRunQueue");
+  writeKey(writer, "onRunQueue");
   writer.Bool(status.taskOnRunQueue());
-  writer.Key("currentlyRunning");
+  writeKey(writer, "currentlyRunning");
   writer.Bool(status.taskCurrentlyRunning());
-  writer.Key("suspended");
+  writeKey(writer, "suspended");
   writer.Bool(status.taskSuspended());
-  writer.Key("hasTimer");
+  writeKey(writer, "hasTimer");
   writer.Bool(status.taskTimer());
-  writer.Key("timerRunning");
+  writeKey(writer, "timerRunning");
   writer.Bool(status.taskTimerRunning());
-  writer.Key("runCount");
+  writeKey(writer, "runCount");
   writer.Uint64(stat->taskRunCount());
-  writer.Key("totalRunTime");
+  writeKey(writer, "totalRunTime");
   writer.Double(seconds(stat->taskTotalRunTime()));
-  writer.Key("lastSchedulingLatency");
+  writeKey(writer, "lastSchedulingLatency");
   writer.Double(seconds(stat->taskLastSchedulingLatency()));
-  writer.Key("schedulingLatencyHighWaterMark");
+  writeKey(writer, "schedulingLatencyHighWaterMark");
   writer.Double(seconds(stat->taskSchedulingLatencyHighWaterMark()));
-  writer.Key("qv200");
+  writeKey(writer, "qv200");
   writer.Uint(stat->taskQuantumViolation200());
-  writer.Key("qv500");
+  writeKey(writer, "qv500");
   writer.Uint(stat->taskQuantumViolation500());
-  writer.Key("maxMs");
+  writeKey(writer, "maxMs");
   // Truncated to whole milliseconds, as in the text report.
   writer.Uint64(static_cast<uint64_t>(stat->taskRunTimeHighWaterMark().count() / 1'000'000));
   if (completedTable) {
-    writer.Key("completedCount");
+    writeKey(writer, "completedCount");
     writer.Uint64(stat->taskCompletedCount());
   }
   if (stat->taskWorkCountHighWaterMark().hasValue()) {
-    writer.Key("workCount");
+    writeKey(writer, "workCount");
     writer.StartObject();
-    writer.Key("total");
+    writeKey(writer, "total");
     writer.Uint64(stat->taskWorkCountTotal());
-    writer.Key("decayingAvg");
+    writeKey(writer, "decayingAvg");
     writer.Double(stat->taskWorkCountDecayingAvg());
-    writer.Key("highwater");
+    writeKey(writer, "highwater");
     writer.Uint(stat->taskWorkCountHighWaterMark().raw());
     writer.EndObject();
-    writer.Key("workPending");
+    writeKey(writer, "workPending");
     writer.StartObject();
-    writer.Key("pending");
+    writeKey(writer, "pending");
     writer.Uint(stat->taskWorkPending());
-    writer.Key("highwater");
+    writeKey(writer, "highwater");
     writer.Uint(stat->taskWorkPendingHighWaterMark().valueOr(0));
     writer.EndObject();
   }
@@ -238,19 +248,19 @@ void TaskSchedulerSnapshot::renderJsonHistory(TaskSchedulerPrintContext& context
   if (!includesHistory_)
     return;
   auto& writer = context.writer();
-  writer.Key("historyEntryCount");
+  writeKey(writer, "historyEntryCount");
   writer.Uint(historyEntryCount_);
-  writer.Key("history");
+  writeKey(writer, "history");
   writer.StartArray();
   for (HistoryEvent const& event : historyEvents_) {
     writer.StartObject();
-    writer.Key("eventId");
+    writeKey(writer, "eventId");
     writer.Uint64(event.eventId);
-    writer.Key("nsSinceBoot");
+    writeKey(writer, "nsSinceBoot");
     writer.Int64(event.time.time_since_epoch().count());
-    writer.Key("eventType");
+    writeKey(writer, "eventType");
     writeString(writer, TaskSchedulerHistory::eventTypeDisplay(event.eventType));
-    writer.Key("name");
+    writeKey(writer, "name");
     writeString(writer, event.name.text());
     writer.EndObject();
   }

@@ -35,7 +35,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
       }
       bool const median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
       if (median || (run.run_type == Run::RT_Iteration && !fromMedian_.count(name)))
-        times_[name] = {run.GetAdjustedRealTime() / divisor, run.GetAdjustedCPUTime() / divisor};
+        times_[name] = {run.GetAdjustedRealTime() / divisor, run.GetAdjustedCPUTime() / divisor,
+                        benchmark::GetTimeUnitString(run.time_unit)};
       if (median)
         fromMedian_[name] = true;
     }
@@ -49,9 +50,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
     if (m == times_.end() || b == times_.end() || b->second.real <= 0 || b->second.cpu <= 0)
       return;
     double const cpu = m->second.cpu / b->second.cpu;
-    std::printf("%-24s %s %.1f ns / %s %.1f ns: real %.3f, cpu %.3f", label, measured.c_str(),
-                m->second.cpu, baseline.c_str(), b->second.cpu, m->second.real / b->second.real,
-                cpu);
+    std::printf("%-24s %s %.1f %s / %s %.1f %s: real %.3f, cpu %.3f", label, measured.c_str(),
+                m->second.cpu, m->second.unit, baseline.c_str(), b->second.cpu, b->second.unit,
+                m->second.real / b->second.real, cpu);
     if (goal > 0)
       std::printf("  (goal <= %.2f: %s)", goal, cpu <= goal ? "met" : "MISSED");
     std::printf("\n");
@@ -81,6 +82,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
  private:
   struct Times {
     double real, cpu;
+    char const* unit;  // of both times, as the benchmark reports them
   };
   std::string perCounter_;
   std::map<std::string, Times> times_;
