@@ -15,6 +15,7 @@
 // 1.11), with the bytes one FileDescriptorTask occupies.
 #include <benchmark/benchmark.h>
 
+#include "Footprint.h"
 #include "RatioReporter.h"
 
 #include <fcntl.h>
@@ -269,34 +270,15 @@ class IdleFdTask : public Tamlo::FileDescriptorTask {
   void taskExecuteWritable() override {}
 };
 
-// Counted two ways: what goes through the library's allocator for one task
-// (the task with its shared-pointer block, its read task likewise, and its
-// libevent fd control), and the heap a task costs in all, its interned names
-// included (four of them: name, display name, and the read task's two),
-// averaged over many tasks with unique names.
+// Through the library's allocator: the task, its read task and its libevent
+// fd control, each with its shared-pointer block; the heap per task includes
+// four interned names (name, display name, and the read task's two).
 void printFileDescriptorTaskFootprint() {
   auto const root = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("footprint");
-  uint64_t const liveBefore = Tamlo::AllocatorStats::liveBytes();
-  uint64_t const allocationsBefore = Tamlo::AllocatorStats::liveAllocations();
-  auto task = Tamlo::makeShared<IdleFdTask>(root, Tamlo::TaskPriority::normal, "one");
-  uint64_t const allocated = Tamlo::AllocatorStats::liveBytes() - liveBefore;
-  uint64_t const allocations = Tamlo::AllocatorStats::liveAllocations() - allocationsBefore;
-  task.reset();
-
-  constexpr int count = 1000;
-  std::vector<std::shared_ptr<IdleFdTask>> tasks;
-  tasks.reserve(count);
-  size_t const heapBefore = mallinfo2().uordblks;
-  for (int i = 0; i < count; ++i)
-    tasks.push_back(
-        Tamlo::makeShared<IdleFdTask>(root, Tamlo::TaskPriority::normal, fmt::format("t{:06}", i)));
-  size_t const heapPerTask = (mallinfo2().uordblks - heapBefore) / count;
-  std::printf(
-      "FileDescriptorTask footprint: sizeof %zu bytes; through the library's allocator %llu "
-      "bytes in %llu allocations (task, read task, fd control, each with its shared-pointer "
-      "block); heap per task with a unique 7-character name, names included, %zu bytes\n",
-      sizeof(IdleFdTask), static_cast<unsigned long long>(allocated),
-      static_cast<unsigned long long>(allocations), heapPerTask);
+  Tamlo::Bench::printFootprint(
+      "FileDescriptorTask:", sizeof(IdleFdTask), [&](std::string const& name) {
+        return Tamlo::makeShared<IdleFdTask>(root, Tamlo::TaskPriority::normal, name);
+      });
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 // task occupies.
 #include <benchmark/benchmark.h>
 
+#include "Footprint.h"
 #include "RatioReporter.h"
 
 #include <malloc.h>
@@ -168,25 +169,9 @@ class EmptyTask : public Tamlo::Task {
 
 void printTaskFootprint() {
   auto const root = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("footprint");
-  uint64_t const liveBefore = Tamlo::AllocatorStats::liveBytes();
-  auto task = Tamlo::makeShared<EmptyTask>(root, Tamlo::TaskPriority::normal, "one");
-  uint64_t const allocation = Tamlo::AllocatorStats::liveBytes() - liveBefore;
-  task.reset();
-
-  // Everything else a task costs: its two interned names (unique here) and
-  // their cache entries, measured over many tasks.
-  constexpr int count = 1000;
-  std::vector<std::shared_ptr<EmptyTask>> tasks;
-  tasks.reserve(count);
-  size_t const heapBefore = mallinfo2().uordblks;
-  for (int i = 0; i < count; ++i)
-    tasks.push_back(
-        Tamlo::makeShared<EmptyTask>(root, Tamlo::TaskPriority::normal, fmt::format("t{:06}", i)));
-  size_t const heapPerTask = (mallinfo2().uordblks - heapBefore) / count;
-  std::printf(
-      "Task footprint: sizeof(Task) %zu bytes, allocation with its shared-pointer block %llu "
-      "bytes, heap per task with a unique 7-character name %zu bytes\n",
-      sizeof(EmptyTask), static_cast<unsigned long long>(allocation), heapPerTask);
+  Tamlo::Bench::printFootprint("Task:", sizeof(EmptyTask), [&](std::string const& name) {
+    return Tamlo::makeShared<EmptyTask>(root, Tamlo::TaskPriority::normal, name);
+  });
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 // TaskTimerControl occupy are printed at the end.
 #include <benchmark/benchmark.h>
 
+#include "Footprint.h"
 #include "RatioReporter.h"
 
 #include <malloc.h>
@@ -230,35 +231,13 @@ class IgnoreTimeout : public Tamlo::Platform::TimeoutHandler {
   void timeout() override {}
 };
 
-// The allocation through the library's allocator (object and shared-pointer
-// block in one) for one object, and the whole heap per object, interned
-// unique 7-character names included, over many.
-template <typename Make>
-void printFootprint(char const* label, size_t size, Make make) {
-  uint64_t const liveBefore = Tamlo::AllocatorStats::liveBytes();
-  auto one = make("single");
-  uint64_t const allocation = Tamlo::AllocatorStats::liveBytes() - liveBefore;
-  one.reset();
-  constexpr int count = 1000;
-  std::vector<decltype(one)> many;
-  many.reserve(count);
-  size_t const heapBefore = mallinfo2().uordblks;
-  for (int i = 0; i < count; ++i)
-    many.push_back(make(fmt::format("t{:06}", i)));
-  size_t const heapPerObject = (mallinfo2().uordblks - heapBefore) / count;
-  std::printf(
-      "%-16s sizeof %zu bytes, allocation with its shared-pointer block %llu bytes, heap per "
-      "object with a unique name %zu bytes\n",
-      label, size, static_cast<unsigned long long>(allocation), heapPerObject);
-}
-
 void printFootprints() {
   auto const root = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("footprint");
   IgnoreTimeout handler;
-  printFootprint("TimerTask:", sizeof(IdleTimerTask), [&](std::string const& name) {
+  Tamlo::Bench::printFootprint("TimerTask:", sizeof(IdleTimerTask), [&](std::string const& name) {
     return Tamlo::makeShared<IdleTimerTask>(root, Tamlo::TaskPriority::normal, name);
   });
-  printFootprint(
+  Tamlo::Bench::printFootprint(
       "TaskTimerControl:", sizeof(Tamlo::Platform::TaskTimerControl), [&](std::string const& name) {
         return Tamlo::Platform::getTimerControl(&handler, root, Tamlo::TaskPriority::normal, name);
       });
