@@ -1,4 +1,3 @@
-#include <Tamlo/Exception.h>
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/Platform.h>
 

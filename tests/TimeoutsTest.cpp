@@ -9,6 +9,8 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -162,24 +164,20 @@ TEST(Timeouts, CloseTakesRecordsOffTheWheel) {
   timeouts_close(nullptr);
 }
 
-// Randomised comparison with a plain model: an ordered multimap from expiry to
-// record index for records waiting on the wheel, plus a count of records the
-// wheel has expired but not yet handed out.
-#define MODEL_CHECK(condition, message) \
-  if (!(condition))                     \
-  return ::testing::AssertionFailure() << message
-
+// Random operations checked against a plain model: the records waiting on the
+// wheel ordered by expiry, and a count of those it expired but has not handed
+// out yet.
 class ModelCheck {
  public:
-  ModelCheck(std::uint64_t seed, std::size_t recordCount)
-      : rng_(seed), records_(recordCount), state_(recordCount, kIdle), position_(recordCount) {
-    for (std::size_t i = 0; i < recordCount; ++i)
+  ModelCheck(std::uint64_t seed, std::size_t count)
+      : rng_(seed), records_(count), state_(count, kIdle), at_(count) {
+    for (std::size_t i = 0; i < count; ++i)
       timeout_init(&records_[i], flags(i));
   }
 
-  ::testing::AssertionResult step() {
-    unsigned choice = random(100);
-    std::size_t i = random(records_.size());
+  void step() {
+    unsigned const choice = random(100);
+    std::size_t const i = random(records_.size());
     if (choice < 35) {
       add(i, pickExpiry());
     } else if (choice < 50) {
@@ -187,24 +185,22 @@ class ModelCheck {
       forget(i);
     } else {
       update(pickUpdate());
-      if (random(100) < 60)
-        if (auto drained = drainAndCheck(); !drained)
-          return drained;
+      if (random(100) < 60) {
+        ASSERT_NO_FATAL_FAILURE(drain());
+      }
     }
-    return checkWheel(i);
+    check(i);
   }
 
-  ::testing::AssertionResult finish() {
+  void finish() {
     update(kNever);
-    if (auto drained = drainAndCheck(); !drained)
-      return drained;
-    MODEL_CHECK(waiting_.empty(), waiting_.size() << " records never released");
-    return checkWheel(0);
+    ASSERT_NO_FATAL_FAILURE(drain());
+    EXPECT_EQ(waiting_.size(), 0u) << "records never released";
+    check(0);
   }
 
  private:
-  enum State { kIdle, kWaiting, kExpired };
-  using Model = std::multimap<timeout_t, std::size_t>;
+  enum State : char { kIdle, kWaiting, kExpired };
 
   static int flags(std::size_t i) { return TIMEOUT_ABS | static_cast<int>((i % 8) << 2); }
   std::size_t random(std::size_t bound) { return rng_() % bound; }
@@ -213,97 +209,84 @@ class ModelCheck {
   // Mostly log-uniform distances from one tick to about four days, some at
   // or before now, a few far beyond.
   timeout_t pickExpiry() {
-    unsigned kind = random(100);
-    if (kind < 10)
-      return now_ - random(1000);
-    if (kind < 13)
-      return now_ + (timeout_t{1} << 30) + (rng_() >> (64 - 40));
-    return now_ + distance();
+    unsigned const kind = random(100);
+    return kind < 10   ? now_ - random(1000)
+           : kind < 13 ? now_ + (timeout_t{1} << 30) + (rng_() >> (64 - 40))
+                       : now_ + distance();
   }
 
   abstime_t pickUpdate() {
-    unsigned kind = random(100);
+    unsigned const kind = random(100);
     if (kind < 40) {
-      timeout_t wait = timeouts_timeout(wheel_.get());
+      timeout_t const wait = timeouts_timeout(wheel_.get());
       return wait == kNever ? now_ + distance() : now_ + wait;
     }
-    if (kind < 80)
-      return now_ + random(70);
-    if (kind < 95)
-      return now_ + distance();
-    if (kind < 99)
-      return now_ + 1 + random(5 * kDay);
-    return now_ - random(100);  // backwards: ignored
+    return kind < 80   ? now_ + random(70)
+           : kind < 95 ? now_ + distance()
+           : kind < 99 ? now_ + 1 + random(5 * kDay)
+                       : now_ - random(100);  // backwards: ignored
   }
 
   void forget(std::size_t i) {
     if (state_[i] == kWaiting)
-      waiting_.erase(position_[i]);
-    else if (state_[i] == kExpired)
-      --expiredCount_;
+      waiting_.erase({at_[i], i});
+    expiredCount_ -= state_[i] == kExpired;
     state_[i] = kIdle;
   }
 
   void add(std::size_t i, timeout_t expires) {
     timeouts_add(wheel_.get(), &records_[i], expires);
     forget(i);
-    if (expires <= now_) {
-      state_[i] = kExpired;
-      ++expiredCount_;
-    } else {
-      state_[i] = kWaiting;
-      position_[i] = waiting_.emplace(expires, i);
-    }
+    state_[i] = kWaiting;
+    waiting_.emplace(at_[i] = expires, i);
+    release();
   }
 
   void update(abstime_t now) {
     timeouts_update(wheel_.get(), now);
     now_ = std::max(now_, now);
-    while (!waiting_.empty() && waiting_.begin()->first <= now_) {
+    release();
+  }
+
+  void release() {
+    for (; !waiting_.empty() && waiting_.begin()->first <= now_; ++expiredCount_) {
       state_[waiting_.begin()->second] = kExpired;
-      ++expiredCount_;
       waiting_.erase(waiting_.begin());
     }
   }
 
-  ::testing::AssertionResult drainAndCheck() {
+  void drain() {
     while (timeout* to = timeouts_get(wheel_.get())) {
-      auto i = static_cast<std::size_t>(to - records_.data());
-      MODEL_CHECK(i < records_.size() && state_[i] == kExpired,
-                  "record " << i << " handed out but not expired");
-      MODEL_CHECK(to->pending == nullptr && to->flags == flags(i),
-                  "record " << i << " handed out still linked or with other flags");
+      auto const i = static_cast<std::size_t>(to - records_.data());
+      ASSERT_TRUE(i < records_.size() && state_[i] == kExpired) << "record " << i << " not expired";
+      ASSERT_TRUE(to->pending == nullptr && to->flags == flags(i))
+          << "record " << i << " handed out still linked or with other flags";
       state_[i] = kIdle;
       --expiredCount_;
     }
-    MODEL_CHECK(expiredCount_ == 0, expiredCount_ << " expired records lost");
-    return ::testing::AssertionSuccess();
+    ASSERT_EQ(expiredCount_, 0u) << "expired records lost";
   }
 
-  ::testing::AssertionResult checkWheel(std::size_t i) {
-    timeouts* T = wheel_.get();
-    MODEL_CHECK(timeouts_now(T) == now_, "now " << timeouts_now(T) << " expected " << now_);
-    MODEL_CHECK(timeouts_expired(T) == (expiredCount_ != 0),
-                "expired() disagrees, model has " << expiredCount_);
-    MODEL_CHECK(timeouts_pending(T) == !waiting_.empty(),
-                "pending() disagrees, model has " << waiting_.size());
-    timeout_t wait = timeouts_timeout(T);
-    timeout_t expected = expiredCount_ != 0 ? 0
-                         : waiting_.empty() ? kNever
-                                            : waiting_.begin()->first - now_;
-    MODEL_CHECK(
-        expected == 0 || expected == kNever ? wait == expected : wait != 0 && wait <= expected,
-        "timeout " << wait << " but next expiry in " << expected);
-    MODEL_CHECK((records_[i].pending == nullptr) == (state_[i] == kIdle),
-                "record " << i << " pending pointer is wrong");
-    return ::testing::AssertionSuccess();
+  void check(std::size_t i) {
+    timeouts* const T = wheel_.get();
+    ASSERT_EQ(timeouts_now(T), now_);
+    ASSERT_EQ(timeouts_expired(T), expiredCount_ != 0);
+    ASSERT_EQ(timeouts_pending(T), !waiting_.empty());
+    timeout_t const wait = timeouts_timeout(T);
+    if (expiredCount_ != 0 || waiting_.empty()) {
+      ASSERT_EQ(wait, expiredCount_ != 0 ? 0 : kNever);
+    } else {
+      ASSERT_NE(wait, 0u);
+      ASSERT_LE(wait, waiting_.begin()->first - now_);
+    }
+    ASSERT_EQ(records_[i].pending == nullptr, state_[i] == kIdle) << "record " << i;
   }
 
   std::mt19937_64 rng_;
   std::vector<timeout> records_;
   std::vector<State> state_;
-  std::vector<Model::iterator> position_;  // valid while kWaiting
-  Model waiting_;
+  std::vector<timeout_t> at_;  // the expiry while kWaiting
+  std::set<std::pair<timeout_t, std::size_t>> waiting_;
   std::size_t expiredCount_ = 0;
   Wheel wheel_ = openWheel(kStart);
   abstime_t now_ = kStart;
@@ -317,14 +300,15 @@ TEST(Timeouts, RandomOperationsMatchReferenceModel) {
 #else
   constexpr int kStepsPerSeed = 200'000;
 #endif
-  const std::size_t recordCounts[] = {8, 300, 5000};
+  std::size_t const recordCounts[] = {8, 300, 5000};
   for (std::uint64_t seed = 1; seed <= 8; ++seed) {
-    const std::size_t recordCount = recordCounts[seed % std::size(recordCounts)];
+    std::size_t const recordCount = recordCounts[seed % std::size(recordCounts)];
     SCOPED_TRACE(::testing::Message() << "seed " << seed << ", " << recordCount << " records");
     ModelCheck check(seed, recordCount);
     for (int i = 0; i < kStepsPerSeed; ++i)
-      ASSERT_TRUE(check.step()) << "at step " << i;
-    ASSERT_TRUE(check.finish());
+      if (check.step(), HasFatalFailure())
+        FAIL() << "at step " << i;
+    check.finish();
   }
 }
 

@@ -1,5 +1,4 @@
 #include <Tamlo/EventBaseTimers.h>
-#include <Tamlo/Exception.h>
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 
@@ -83,7 +82,6 @@ TEST_F(VirtualTimeTest, FastForwardByMovesTimeByExactlyTheAmount) {
   EXPECT_EQ(first.tv_sec * 1000000 + first.tv_usec, after.tv_sec * 1000000 + after.tv_usec);
   fastForwardBy(5);
   EXPECT_TRUE(journal.empty());  // the loop is not run here
-  EXPECT_EQ(timer.control_->remainingTimeout(), 0.0);
   timeval delay{7, 7};
   ASSERT_TRUE(Tamlo::fastForwardDelayToFirstTimer(&delay));
   EXPECT_EQ(delay.tv_sec + delay.tv_usec, 0);  // already due: no jump

@@ -1,7 +1,6 @@
 // Child-process checks of the libevent backend and virtual time:
 //   waitfor  prints waitForDefaultTimeout() before and after WAITFOR_DEFAULT
 //            changes, to show it is read once
-//   fork     a timer armed before fork() fires in both processes
 //   log      feeds libevent messages of each severity to the log callback
 //   badfd    binds an fd control to a descriptor that is not open (aborts)
 //   rawdispatch  a timer handler throws inside event_base_dispatch called
@@ -9,8 +8,6 @@
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,11 +16,6 @@
 #include <fmt/format.h>
 
 namespace {
-
-struct CountingTimer : Tamlo::Platform::TimeoutHandler {
-  void timeout() override { ++fired; }
-  int fired = 0;
-};
 
 struct IgnoringFd : Tamlo::Platform::FdEventHandler {
   void readFdEvent(int) override {}
@@ -35,28 +27,6 @@ int waitForMode() {
   setenv("WAITFOR_DEFAULT", "99", 1);
   fmt::print("first {} second {}\n", first, Tamlo::waitForDefaultTimeout());
   return 0;
-}
-
-int forkMode() {
-  CountingTimer handler;
-  auto const timer = Tamlo::Platform::getTimerControl(&handler);
-  timer->setTimeout(0.0);
-  std::fflush(stdout);
-  pid_t const child = fork();
-  if (child < 0)
-    return 2;
-  if (child == 0) {
-    Tamlo::leForkReinit();
-    Tamlo::Platform::doEventLoop();
-    fmt::print("child fired {}\n", handler.fired);
-    std::fflush(stdout);
-    _exit(handler.fired == 1 ? 0 : 1);
-  }
-  Tamlo::Platform::doEventLoop();
-  int status = 0;
-  waitpid(child, &status, 0);
-  fmt::print("parent fired {}\n", handler.fired);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 && handler.fired == 1 ? 0 : 1;
 }
 
 int logMode() {
@@ -96,8 +66,6 @@ int main(int argc, char** argv) {
   char const* const mode = argc > 1 ? argv[1] : "";
   if (std::strcmp(mode, "waitfor") == 0)
     return waitForMode();
-  if (std::strcmp(mode, "fork") == 0)
-    return forkMode();
   if (std::strcmp(mode, "log") == 0)
     return logMode();
   if (std::strcmp(mode, "badfd") == 0)
