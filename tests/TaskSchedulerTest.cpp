@@ -173,6 +173,8 @@ TEST_F(TaskSchedulerTest, RunsAndCompletedTasksAreCounted) {
   auto reader = makeTask(root_, TaskPriority::normal, "reader", journalRuns(journal, 3));
   auto other = makeTask(root_, TaskPriority::normal, "reader2", journalRuns(journal, 1));
   auto const writer = makeTask(root_, TaskPriority::high, "writer", journalRuns(journal, 2));
+  auto quiet = makeTask(root_, TaskPriority::normal, "quiet");
+  quiet->includeInCompletedTaskIs(false);
   other->taskStatsNameIs("reader");
   for (FunctionTask* task : {reader.get(), other.get(), writer.get()})
     task->scheduleTask();
@@ -180,10 +182,14 @@ TEST_F(TaskSchedulerTest, RunsAndCompletedTasksAreCounted) {
 
   EXPECT_EQ(root_->runTaskCount(TaskPriority::normal), 4u);
   EXPECT_EQ(root_->runTaskCount(TaskPriority::high), 2u);
+  other->scheduleTask();
   reader.reset();
   other.reset();
+  quiet.reset();
+  EXPECT_EQ(root_->runnableTaskCount(TaskPriority::normal), 0u) << "a destroyed task is unqueued";
+  EXPECT_EQ(root_->registeredTaskCount(), 1u);
   EXPECT_EQ(root_->tasksPerPriority(TaskPriority::normal), 0u);
-  EXPECT_EQ(root_->completedTasksPerPriority(TaskPriority::normal), 2u);
+  EXPECT_EQ(root_->completedTasksPerPriority(TaskPriority::normal), 2u) << "quiet is left out";
   ASSERT_EQ(root_->completedTaskStats().size(), 1u);
   Tamlo::TaskStat const& completed = root_->completedTaskStats().begin()->second;
   EXPECT_EQ(completed.taskCompletedCount(), 2u);
@@ -367,8 +373,9 @@ TEST_F(TaskSchedulerTest, TemporaryRunQueueHoldsBackNewTasksAndReturnsLeftoversI
   std::vector<std::shared_ptr<FunctionTask>> tasks;
   for (char const* name : {"a", "b", "c", "d"})
     tasks.push_back(makeTask(root_, TaskPriority::normal, name, journalRuns(journal, 1)));
-  tasks[0]->scheduleTask();
-  tasks[1]->scheduleTask();
+  // Scheduling a queued task again keeps its place.
+  for (int i : {0, 1, 0})
+    tasks[i]->scheduleTask();
   root_->taskRunQueuesMovePersistentToTemporary();
   EXPECT_TRUE(root_->taskRunQueue(TaskPriority::normal).temporaryActive());
   tasks[2]->scheduleTask();
@@ -391,22 +398,34 @@ TEST_F(TaskSchedulerTest, TemporaryRunQueueHoldsBackNewTasksAndReturnsLeftoversI
 
 // ---- History ----
 
+// Suspending a queued task unqueues it; unsuspending queues it again, whether
+// or not it was scheduled meanwhile.
 TEST_F(TaskSchedulerTest, HistoryRecordsAKnownSequence) {
   auto worker = makeTask(root_, TaskPriority::normal, "worker");
   worker->scheduleTask();
   runLoop();
-  worker->taskSuspendedIs(true);
   worker->scheduleTask();
+  worker->taskSuspendedIs(true);
+  EXPECT_FALSE(worker->taskScheduled());
+  worker->scheduleTask();
+  runLoop();
+  worker->taskSuspendedIs(false);
+  runLoop();
+  worker->taskSuspendedIs(true);
   worker->taskSuspendedIs(false);
   worker->unscheduleTask();
   worker.reset();
   runLoop();
-
   std::vector<std::string> const expected = {
       "create       N worker",  "schedule     N worker", "schedulerRunnable test",
       "busy         N worker",  "run start    N worker", "run end      N worker",
-      "idle         N worker",  "schedulerIdle test",    "suspendOn    N worker",
-      "scheduleSus  N worker",  "suspendOff   N worker", "schedule     N worker",
+      "idle         N worker",  "schedulerIdle test",    "schedule     N worker",
+      "schedulerRunnable test", "busy         N worker", "suspendOn    N worker",
+      "unschedule   N worker",  "idle         N worker", "scheduleSus  N worker",
+      "schedulerIdle test",     "suspendOff   N worker", "schedule     N worker",
+      "schedulerRunnable test", "busy         N worker", "run start    N worker",
+      "run end      N worker",  "idle         N worker", "schedulerIdle test",
+      "suspendOn    N worker",  "suspendOff   N worker", "schedule     N worker",
       "schedulerRunnable test", "busy         N worker", "unschedule   N worker",
       "idle         N worker",  "delete       N worker", "schedulerIdle test"};
   EXPECT_EQ(historyDisplays(*root_), expected);
