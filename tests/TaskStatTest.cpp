@@ -59,11 +59,24 @@ TEST(TaskPriority, NamesCharactersAndOrder) {
   }
 }
 
-TEST(TaskPriority, ValuesBeyondTheEndMarkerAreAssertionFailures) {
-  EXPECT_THAT(assertionText([] { TaskPriority(uint8_t{6}).toStrep(); }),
-              EndsWith("unexpected priority value 6"));
-  EXPECT_THAT(assertionText([] { TaskPriority(uint8_t{6}).oneChar(); }),
-              EndsWith("unexpected priority 6"));
+// Each value outside its type's range, and the message it fails with.
+TEST(TaskStatTypes, ValuesOutOfRangeAreAssertionFailures) {
+  char const* const negative = "t >= 0 && \"time2Duration() negative Time input\"";
+  struct Row {
+    void (*call)();
+    char const* message;
+  } const rows[] = {
+      {[] { TaskPriority(uint8_t{6}).toStrep(); }, "unexpected priority value 6"},
+      {[] { TaskPriority(uint8_t{6}).oneChar(); }, "unexpected priority 6"},
+      {[] { TaskMaybeU32().value(); }, "TaskMaybeU32 holds no value"},
+      {[] { TaskStat::TaskStatus().bitmaskHasBitSet(TaskStat::TaskStatus::Bit(9)); },
+       "status bit 9 out of range"},
+      {[] { time2Duration(-1e-9); }, negative},
+      {[] { time2Duration(std::numeric_limits<double>::quiet_NaN()); }, negative},
+      {[] { time2Duration(1e10); }, "time2Duration() Time input 10000000000 out of range"},
+  };
+  for (Row const& row : rows)
+    EXPECT_THAT(assertionText(row.call), EndsWith(row.message));
 }
 
 TEST(TaskKey, PrintsTheAddressInDecimalAfterAnAt) {
@@ -74,18 +87,10 @@ TEST(TaskKey, PrintsTheAddressInDecimalAfterAnAt) {
 TEST(TaskMaybeU32, AllOnesMeansNoValueAndIsNeverStoredAsOne) {
   TaskMaybeU32 maybe;
   EXPECT_FALSE(maybe.hasValue());
-  EXPECT_THAT(assertionText([&] { maybe.value(); }), EndsWith("TaskMaybeU32 holds no value"));
   maybe.valueIs(0);
   EXPECT_EQ(maybe.value(), 0u);
   maybe.valueIs(4294967295u);
   EXPECT_EQ(maybe.value(), 4294967294u);
-}
-
-TEST(TaskStatus, BitsBeyondTheLastAreAssertionFailures) {
-  EXPECT_THAT(assertionText([] {
-                TaskStat::TaskStatus().bitmaskHasBitSet(static_cast<TaskStat::TaskStatus::Bit>(9));
-              }),
-              EndsWith("status bit 9 out of range"));
 }
 
 TaskStat statWith(TaskPriority priority, uint8_t statusBits) {
@@ -219,12 +224,6 @@ TEST(TaskTime, SecondsBecomeNanosecondsTruncatedTowardZero) {
   EXPECT_EQ(time2Duration(2.5e-9), nanoseconds(2));
   EXPECT_EQ(time2Duration(1e-10), nanoseconds(0));
   EXPECT_EQ(time2Duration(86400.0 * 365), nanoseconds(31'536'000'000'000'000));
-  char const* negative = "t >= 0 && \"time2Duration() negative Time input\"";
-  EXPECT_THAT(assertionText([] { time2Duration(-1e-9); }), EndsWith(negative));
-  EXPECT_THAT(assertionText([] { time2Duration(std::numeric_limits<double>::quiet_NaN()); }),
-              EndsWith(negative));
-  EXPECT_THAT(assertionText([] { time2Duration(1e10); }),
-              EndsWith("time2Duration() Time input 10000000000 out of range"));
 }
 
 TEST(TaskTime, DurationsPrintInTheLargestUnitPastEachThreshold) {
