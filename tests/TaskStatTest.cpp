@@ -1,5 +1,6 @@
-// Priorities, keys, optional counters, status bits, statistics records,
-// durations and interned names.
+// Priorities, keys, status bits, statistics records, durations and interned
+// names. An optional counter's all-ones clamp shows in the tasks' high-water
+// marks (TaskTest).
 #include "Tamlo/TaskStat.h"
 
 #include <gmock/gmock.h>
@@ -36,26 +37,17 @@ std::string streamed(T const& value) {
   return os.str();
 }
 
-TEST(TaskPriority, NamesCharactersAndOrder) {
-  struct Row {
-    TaskPriority priority;
-    char const* strep;
-    char oneChar;
-  } const rows[] = {
-      {TaskPriority::absolute, "absolute", 'A'},
-      {TaskPriority::high, "high", 'H'},
-      {TaskPriority::normal, "normal", 'N'},
-      {TaskPriority::low, "low", 'L'},
-      {TaskPriority::scavenge, "scavenge", 'S'},
-      {TaskPriority::oneBeyondLast, "oneBeyondLast", '-'},
-  };
-  for (uint8_t i = 0; i < std::size(rows); ++i) {
-    Row const& row = rows[i];
-    SCOPED_TRACE(row.strep);
-    EXPECT_EQ(row.priority.toStrep(), row.strep);
-    EXPECT_EQ(row.priority.oneChar(), row.oneChar);
-    EXPECT_EQ(streamed(row.priority), row.strep);
-    EXPECT_EQ(fmt::format("[{:>9}]", row.priority), fmt::format("[{:>9}]", row.strep));
+TEST(TaskPriority, NamesAndCharacters) {
+  TaskPriority const priorities[] = {TaskPriority::absolute, TaskPriority::high,
+                                     TaskPriority::normal,   TaskPriority::low,
+                                     TaskPriority::scavenge, TaskPriority::oneBeyondLast};
+  char const* const names[] = {"absolute", "high", "normal", "low", "scavenge", "oneBeyondLast"};
+  for (size_t i = 0; i < std::size(priorities); ++i) {
+    SCOPED_TRACE(names[i]);
+    EXPECT_EQ(priorities[i].toStrep(), names[i]);
+    EXPECT_EQ(priorities[i].oneChar(), "AHNLS-"[i]);
+    EXPECT_EQ(streamed(priorities[i]), names[i]);
+    EXPECT_EQ(fmt::format("[{:>9}]", priorities[i]), fmt::format("[{:>9}]", names[i]));
   }
 }
 
@@ -82,15 +74,6 @@ TEST(TaskStatTypes, ValuesOutOfRangeAreAssertionFailures) {
 TEST(TaskKey, PrintsTheAddressInDecimalAfterAnAt) {
   EXPECT_EQ(TaskKey().toStrep(), "@0");
   EXPECT_EQ(TaskKey(uint64_t{140737488355328}).toStrep(), "@140737488355328");
-}
-
-TEST(TaskMaybeU32, AllOnesMeansNoValueAndIsNeverStoredAsOne) {
-  TaskMaybeU32 maybe;
-  EXPECT_FALSE(maybe.hasValue());
-  maybe.valueIs(0);
-  EXPECT_EQ(maybe.value(), 0u);
-  maybe.valueIs(4294967295u);
-  EXPECT_EQ(maybe.value(), 4294967294u);
 }
 
 TaskStat statWith(TaskPriority priority, uint8_t statusBits) {
