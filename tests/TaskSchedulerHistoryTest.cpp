@@ -27,36 +27,21 @@
 namespace {
 std::atomic<size_t> allocationCount{0};
 
-void* countedAllocation(std::size_t size, std::size_t alignment) {
+void* countedAllocation(std::size_t size) {
   allocationCount.fetch_add(1, std::memory_order_relaxed);
-  size = size == 0 ? 1 : size;
-  void* memory =
-      alignment <= alignof(std::max_align_t)
-          ? std::malloc(size)
-          : std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
+  if (void* memory = std::malloc(size == 0 ? 1 : size))
+    return memory;
+  throw std::bad_alloc();
 }
 }  // namespace
 
 void* operator new(std::size_t size) {
-  return countedAllocation(size, 0);
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  return countedAllocation(size, static_cast<std::size_t>(alignment));
+  return countedAllocation(size);
 }
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::align_val_t) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
   std::free(memory);
 }
 
@@ -76,9 +61,8 @@ TaskTimePoint at(int64_t ns) {
 std::string readAll(int fd) {
   std::string text;
   char buffer[4096];
-  for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
+  for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;)
     text.append(buffer, static_cast<size_t>(got));
-  }
   return text;
 }
 
@@ -112,9 +96,8 @@ class TaskSchedulerHistoryTest : public testing::Test {
 
   std::vector<std::string> storedNames() const {
     std::vector<std::string> names;
-    for (size_t i = 0; i < history_.eventCount(); ++i) {
+    for (size_t i = 0; i < history_.eventCount(); ++i)
       names.push_back(history_.event(i).name().text());
-    }
     return names;
   }
 
@@ -125,21 +108,12 @@ class TaskSchedulerHistoryTest : public testing::Test {
   ConstStringRef main_ = history_.stringCache().intern("main");
 };
 
-TEST_F(TaskSchedulerHistoryTest, KeepsTheNewestEventsNewestFirst) {
+// The order, types and names of the kept events show in the rendering.
+TEST_F(TaskSchedulerHistoryTest, KeepsTheNewestEventsAndTheirNamesUntilOverwrittenOrCleared) {
   EXPECT_EQ(history_.eventCount(), 0u);
   recordKnownSequence();
   ASSERT_EQ(history_.eventCount(), 4u);
-  EXPECT_EQ(history_.event(0).eventType(), EventType::runEnd);
-  EXPECT_EQ(history_.event(0).time(), at(1'000'002'510'999));
-  EXPECT_EQ(history_.event(0).name().elem(), reader_.elem());
-  EXPECT_EQ(history_.event(2).eventType(), EventType::schedulerRunnable);
-  EXPECT_EQ(history_.event(2).name(), main_);
-  EXPECT_EQ(history_.event(3).eventType(), EventType::schedule);
   EXPECT_THROW(history_.event(4), std::out_of_range);
-}
-
-TEST_F(TaskSchedulerHistoryTest, EventsHoldNameReferencesUntilOverwrittenOrCleared) {
-  recordKnownSequence();
   EXPECT_EQ(refs("N reader"), 4u);  // ours plus the three reader events in the ring
   history_.insertTaskEvent(at(1), EventType::idle, history_.stringCache().intern("N gone"));
   EXPECT_EQ(refs("N gone"), 1u);
@@ -156,9 +130,8 @@ TEST_F(TaskSchedulerHistoryTest, EventsHoldNameReferencesUntilOverwrittenOrClear
 
 TEST_F(TaskSchedulerHistoryTest, EveryEventTypeHasItsDisplayText) {
   std::string all;
-  for (uint8_t type = 0; type < 26; ++type) {
+  for (uint8_t type = 0; type < 26; ++type)
     all += std::string(TaskSchedulerHistory::eventTypeDisplay(EventType(type))) + ",";
-  }
   EXPECT_EQ(all,
             "schedule,unschedule,run start,run end,timerStart,timerStop,suspendOn,suspendOff,"
             "scheduleSus,frcYieldOn,frcYieldOff,idle,busy,create,delete,fdReadable,fdWritable,"
@@ -168,12 +141,10 @@ TEST_F(TaskSchedulerHistoryTest, EveryEventTypeHasItsDisplayText) {
   EXPECT_THAT(assertionText([] { TaskSchedulerHistory::eventTypeDisplay(EventType(26)); }),
               EndsWith("unexpected eventType 26"));
 
-  using Event = TaskSchedulerHistory::Event;  // the type is padded to twelve
-  EXPECT_EQ(Event(EventType::idle, at(0), reader_).display(), "idle         N reader");
-  EXPECT_EQ(Event(EventType::frcYieldOff, at(0), reader_).display(), "frcYieldOff  N reader");
-  EXPECT_EQ(Event(EventType::schedulerVirtualTimeOff, at(0), main_).display(),
-            "schedulerVirtualTimeOff main");
-  EXPECT_EQ(Event(EventType::busy, at(0), ConstStringRef()).display(), "busy         ");
+  // Task event types are padded to twelve, as the rendering shows; a null name
+  // leaves the padding.
+  EXPECT_EQ(TaskSchedulerHistory::Event(EventType::busy, at(0), ConstStringRef()).display(),
+            "busy         ");
 }
 
 TEST_F(TaskSchedulerHistoryTest, EventsOfTheWrongKindAreAssertionFailures) {
@@ -254,26 +225,22 @@ TEST_F(TaskSchedulerHistoryTest, RendersExactlyToEachDestination) {
   EXPECT_THAT(history_.renderTextForDebugToString(),
               testing::HasSubstr("                 10000 ns since boot         -1 \xc2\xb5s "));
 
-  // A full ring of a hundred, a large text, to a descriptor.
-  TaskSchedulerHistory history(100);
+  // A full ring of a hundred, a text larger than one buffer, to a descriptor.
+  history_.entryCountIs(100);
+  insertNumbered(150);
   std::string expected =
       "Last 100 scheduler events, absolute timestamp and relative to last event\n" +
       std::string(72, '-') + "\n";
-  for (int i = 0; i < 150; ++i) {
-    ConstStringRef const name = history.stringCache().intern("N t" + std::to_string(i));
-    history.insertTaskEvent(at(1'000'000 + i * 1000), EventType::runStart, name);
-  }
   for (int i = 149; i >= 50; --i) {
-    expected += fmt::format("{:>22} ns since boot {:>10} \xc2\xb5s run start    N t{}\n",
+    expected += fmt::format("{:>22} ns since boot {:>10} \xc2\xb5s schedule     N t{}\n",
                             1'000'000 + i * 1000, 149 - i, i);
   }
   int const fd = ::memfd_create("history", MFD_CLOEXEC);
   ASSERT_GE(fd, 0);
-  EXPECT_TRUE(history.renderTextForDebug(fd));
+  EXPECT_TRUE(history_.renderTextForDebug(fd));
   ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
   EXPECT_EQ(readAll(fd), expected + "\n");
   ::close(fd);
-  EXPECT_EQ(history.stringCache().size(), 100u);
 }
 
 TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {
@@ -287,9 +254,7 @@ TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {
   }
   size_t const after = allocationCount.load();
   EXPECT_EQ(after - before, 0u);
-  EXPECT_EQ(history.eventCount(), 64u);
-  EXPECT_EQ(history.stringCache().refCount("H a task with a long name, not SSO"), 33u);
-  EXPECT_GT(history.renderTextForDebugToString().size(), 0u);
+  history.renderTextForDebugToString();
   EXPECT_GT(allocationCount.load(), after);  // the counter does see allocations
 }
 

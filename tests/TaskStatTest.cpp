@@ -1,5 +1,6 @@
-// Priorities, keys, optional counters, status bits, statistics records,
-// durations and interned names.
+// Priorities, keys, status bits, statistics records, durations and interned
+// names. An optional counter's all-ones clamp shows in the tasks' high-water
+// marks (TaskTest).
 #include "Tamlo/TaskStat.h"
 
 #include <gmock/gmock.h>
@@ -36,56 +37,43 @@ std::string streamed(T const& value) {
   return os.str();
 }
 
-TEST(TaskPriority, NamesCharactersAndOrder) {
-  struct Row {
-    TaskPriority priority;
-    char const* strep;
-    char oneChar;
-  } const rows[] = {
-      {TaskPriority::absolute, "absolute", 'A'},
-      {TaskPriority::high, "high", 'H'},
-      {TaskPriority::normal, "normal", 'N'},
-      {TaskPriority::low, "low", 'L'},
-      {TaskPriority::scavenge, "scavenge", 'S'},
-      {TaskPriority::oneBeyondLast, "oneBeyondLast", '-'},
-  };
-  for (uint8_t i = 0; i < std::size(rows); ++i) {
-    Row const& row = rows[i];
-    SCOPED_TRACE(row.strep);
-    EXPECT_EQ(row.priority.toStrep(), row.strep);
-    EXPECT_EQ(row.priority.oneChar(), row.oneChar);
-    EXPECT_EQ(streamed(row.priority), row.strep);
-    EXPECT_EQ(fmt::format("[{:>9}]", row.priority), fmt::format("[{:>9}]", row.strep));
+TEST(TaskPriority, NamesAndCharacters) {
+  TaskPriority const priorities[] = {TaskPriority::absolute, TaskPriority::high,
+                                     TaskPriority::normal,   TaskPriority::low,
+                                     TaskPriority::scavenge, TaskPriority::oneBeyondLast};
+  char const* const names[] = {"absolute", "high", "normal", "low", "scavenge", "oneBeyondLast"};
+  for (size_t i = 0; i < std::size(priorities); ++i) {
+    SCOPED_TRACE(names[i]);
+    EXPECT_EQ(priorities[i].toStrep(), names[i]);
+    EXPECT_EQ(priorities[i].oneChar(), "AHNLS-"[i]);
+    EXPECT_EQ(streamed(priorities[i]), names[i]);
+    EXPECT_EQ(fmt::format("[{:>9}]", priorities[i]), fmt::format("[{:>9}]", names[i]));
   }
 }
 
-TEST(TaskPriority, ValuesBeyondTheEndMarkerAreAssertionFailures) {
-  EXPECT_THAT(assertionText([] { TaskPriority(uint8_t{6}).toStrep(); }),
-              EndsWith("unexpected priority value 6"));
-  EXPECT_THAT(assertionText([] { TaskPriority(uint8_t{6}).oneChar(); }),
-              EndsWith("unexpected priority 6"));
+// Each value outside its type's range, and the message it fails with.
+TEST(TaskStatTypes, ValuesOutOfRangeAreAssertionFailures) {
+  char const* const negative = "t >= 0 && \"time2Duration() negative Time input\"";
+  struct Row {
+    void (*call)();
+    char const* message;
+  } const rows[] = {
+      {[] { TaskPriority(uint8_t{6}).toStrep(); }, "unexpected priority value 6"},
+      {[] { TaskPriority(uint8_t{6}).oneChar(); }, "unexpected priority 6"},
+      {[] { TaskMaybeU32().value(); }, "TaskMaybeU32 holds no value"},
+      {[] { TaskStat::TaskStatus().bitmaskHasBitSet(TaskStat::TaskStatus::Bit(9)); },
+       "status bit 9 out of range"},
+      {[] { time2Duration(-1e-9); }, negative},
+      {[] { time2Duration(std::numeric_limits<double>::quiet_NaN()); }, negative},
+      {[] { time2Duration(1e10); }, "time2Duration() Time input 10000000000 out of range"},
+  };
+  for (Row const& row : rows)
+    EXPECT_THAT(assertionText(row.call), EndsWith(row.message));
 }
 
 TEST(TaskKey, PrintsTheAddressInDecimalAfterAnAt) {
   EXPECT_EQ(TaskKey().toStrep(), "@0");
   EXPECT_EQ(TaskKey(uint64_t{140737488355328}).toStrep(), "@140737488355328");
-}
-
-TEST(TaskMaybeU32, AllOnesMeansNoValueAndIsNeverStoredAsOne) {
-  TaskMaybeU32 maybe;
-  EXPECT_FALSE(maybe.hasValue());
-  EXPECT_THAT(assertionText([&] { maybe.value(); }), EndsWith("TaskMaybeU32 holds no value"));
-  maybe.valueIs(0);
-  EXPECT_EQ(maybe.value(), 0u);
-  maybe.valueIs(4294967295u);
-  EXPECT_EQ(maybe.value(), 4294967294u);
-}
-
-TEST(TaskStatus, BitsBeyondTheLastAreAssertionFailures) {
-  EXPECT_THAT(assertionText([] {
-                TaskStat::TaskStatus().bitmaskHasBitSet(static_cast<TaskStat::TaskStatus::Bit>(9));
-              }),
-              EndsWith("status bit 9 out of range"));
 }
 
 TaskStat statWith(TaskPriority priority, uint8_t statusBits) {
@@ -219,12 +207,6 @@ TEST(TaskTime, SecondsBecomeNanosecondsTruncatedTowardZero) {
   EXPECT_EQ(time2Duration(2.5e-9), nanoseconds(2));
   EXPECT_EQ(time2Duration(1e-10), nanoseconds(0));
   EXPECT_EQ(time2Duration(86400.0 * 365), nanoseconds(31'536'000'000'000'000));
-  char const* negative = "t >= 0 && \"time2Duration() negative Time input\"";
-  EXPECT_THAT(assertionText([] { time2Duration(-1e-9); }), EndsWith(negative));
-  EXPECT_THAT(assertionText([] { time2Duration(std::numeric_limits<double>::quiet_NaN()); }),
-              EndsWith(negative));
-  EXPECT_THAT(assertionText([] { time2Duration(1e10); }),
-              EndsWith("time2Duration() Time input 10000000000 out of range"));
 }
 
 TEST(TaskTime, DurationsPrintInTheLargestUnitPastEachThreshold) {
@@ -249,38 +231,23 @@ TEST(TaskTime, DurationsPrintInTheLargestUnitPastEachThreshold) {
   }
 }
 
-TEST(ConstStringCache, InterningTheSameTextGivesTheSameElement) {
-  ConstStringCache cache;
-  ConstStringRef const a = cache.intern("reader");
-  ConstStringRef const b = cache.intern(std::string("reader"));
-  ConstStringRef const c = cache.intern("writer");
-  EXPECT_EQ(a.elem(), b.elem());
-  EXPECT_NE(a.elem(), c.elem());
-  EXPECT_EQ(cache.size(), 2u);
-  EXPECT_EQ(std::hash<ConstStringRef>{}(a), std::hash<std::string>{}("reader"));
-}
-
-TEST(ConstStringCache, ReferencesCountCopiesTheLastOneErasesAndNullIsEmpty) {
+// Sharing one element per text and erasing it with its last reference show in
+// the scheduler history's name references.
+TEST(ConstStringCache, ReferencesHashAsTheirTextAndNullEqualsEmpty) {
   ConstStringCache cache;
   ConstStringRef ref = cache.intern("x");
-  {
-    ConstStringRef copy = ref;
-    ConstStringRef moved = std::move(copy);
-    EXPECT_TRUE(copy.isNull());  // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(cache.refCount("x"), 2u);
-    moved = cache.intern("y");
-    EXPECT_EQ(cache.refCount("x"), 1u);
-  }
-  EXPECT_EQ(cache.size(), 1u);  // "y" went with its last reference
-  ref = ref;                    // self-assignment keeps the count
-  EXPECT_EQ(cache.refCount("x"), 1u);
+  EXPECT_EQ(std::hash<ConstStringRef>{}(ref), std::hash<std::string>{}("x"));
+  ConstStringRef copy = ref;
+  ConstStringRef const moved = std::move(copy);
+  EXPECT_TRUE(copy.isNull());  // NOLINT(bugprone-use-after-move)
+  ref = ref;                   // self-assignment keeps the count
+  EXPECT_EQ(cache.refCount("x"), 2u);
   ref = ConstStringRef();
-  EXPECT_EQ(cache.size(), 0u);
   ConstStringRef const empty = cache.intern("");
   EXPECT_TRUE(empty);
   EXPECT_FALSE(ref);
-  EXPECT_EQ(ref, empty);  // null equals the empty text
-  EXPECT_EQ(streamed(ref) + "|" + streamed(cache.intern("x")), "|x");
+  EXPECT_EQ(ref, empty);
+  EXPECT_EQ(streamed(ref) + "|" + streamed(moved), "|x");
 }
 
 TEST(ConstStringCache, DestroyingWithOpenReferencesFailsAndLeavesThemUsable) {

@@ -44,10 +44,7 @@ class TaskTest : public ::testing::Test {
 // virtual clock, which the tests move with fastForwardBy().
 class TaskVirtualTimeTest : public TaskTest {
  protected:
-  TaskVirtualTimeTest() {
-    Tamlo::Platform::setFastForward(true);
-    root_ = TaskSchedulerRoot::TaskSchedulerRootIs("virtual");
-  }
+  TaskVirtualTimeTest() { root_ = virtualTimeRoot("virtual"); }
   ~TaskVirtualTimeTest() override { Tamlo::Platform::setFastForward(false); }
 };
 
@@ -60,8 +57,6 @@ TEST_F(TaskTest, NamesAreInternedAndShownWithThePriority) {
   EXPECT_EQ(cache.refCount("reader"), 2u) << "task name and stats name share one entry";
   task->taskStatsNameIs("readers");
   EXPECT_EQ(cache.refCount("reader"), 1u);
-  EXPECT_EQ(makeTask(root_, TaskPriority::scavenge, "sweep")->taskDisplayName(), "S sweep");
-  EXPECT_EQ(root_->history()->event(0).display(), "delete       S sweep");
 }
 
 class PointerTask : public Tamlo::Task {
@@ -77,65 +72,6 @@ TEST_F(TaskTest, SchedulerPointerMustBeOwned) {
   TaskSchedulerRoot unowned("unowned");
   EXPECT_THROW(PointerTask task(&unowned), std::bad_weak_ptr);
   EXPECT_EQ(unowned.registeredTaskCount(), 0u);
-}
-
-TEST_F(TaskTest, DestroyingATaskUnschedulesUnregistersAndCountsItUnlessLeftOut) {
-  auto task = makeTask(root_, TaskPriority::high, "short");
-  auto quiet = makeTask(root_, TaskPriority::normal, "quiet");
-  quiet->includeInCompletedTaskIs(false);
-  task->scheduleTask();
-  task.reset();
-  EXPECT_EQ(lastEvent(), EventType::destroy);
-  EXPECT_EQ(root_->history()->event(2).eventType(), EventType::unschedule);
-  EXPECT_EQ(root_->completedTasksPerPriority(TaskPriority::high), 1u);
-  quiet.reset();
-  EXPECT_EQ(root_->registeredTaskCount(), 0u);
-  EXPECT_EQ(root_->completedTaskStats().size(), 1u) << "only the counted task has a line";
-  EXPECT_EQ(root_->completedTasksPerPriority(TaskPriority::normal), 0u);
-}
-
-// ---- Scheduling and suspension ----
-
-TEST_F(TaskTest, SchedulingAQueuedTaskAgainKeepsItsPlace) {
-  std::string journal;
-  auto const first = makeTask(root_, TaskPriority::normal, "a", journalRuns(journal, 1));
-  auto const second = makeTask(root_, TaskPriority::normal, "b", journalRuns(journal, 1));
-  for (FunctionTask* task : {first.get(), second.get(), first.get()})
-    task->scheduleTask();
-  EXPECT_EQ(root_->runnableTaskCount(TaskPriority::normal), 2u);
-  runLoop();
-  EXPECT_EQ(journal, "ab");
-}
-
-class BusyTask : public Tamlo::Task {
- public:
-  BusyTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler, std::string* journal)
-      : Task(std::move(scheduler), TaskPriority::normal, "busy"), journal_(journal) {}
-  void taskExecute() override { *journal_ += "run;"; }
-  void handleTaskBusy() override { *journal_ += taskBusy() ? "busy;" : "idle;"; }
-
- private:
-  std::string* journal_;
-};
-
-TEST_F(TaskTest, SuspendedTasksRefuseSchedulingAndAreScheduledOnceWhenUnsuspended) {
-  std::string journal;
-  auto const task = Tamlo::makeShared<BusyTask>(root_, &journal);
-  task->scheduleTask();
-  task->taskSuspendedIs(true);
-  EXPECT_FALSE(task->taskScheduled());
-  task->scheduleTask();
-  EXPECT_FALSE(task->taskScheduled());
-  EXPECT_EQ(lastEvent(), EventType::scheduleSus);
-  runLoop();
-  task->taskSuspendedIs(false);
-  EXPECT_TRUE(task->taskScheduled());
-  runLoop();
-  // Unsuspending a task that was suspended while not queued queues it too.
-  task->taskSuspendedIs(true);
-  task->taskSuspendedIs(false);
-  runLoop();
-  EXPECT_EQ(journal, "busy;idle;busy;run;idle;busy;run;idle;");
 }
 
 // ---- Status and statistics ----
@@ -275,14 +211,23 @@ FunctionTask::Body askYield(std::vector<bool>& answers, int calls) {
   };
 }
 
-TEST_F(TaskTest, TestYieldRatioOfThreeYieldsOnEveryThirdCall) {
+// A task's own ratio wins over its root's, which applies to the others.
+TEST_F(TaskTest, TestYieldRatioYieldsOnEveryNthCall) {
   std::vector<bool> answers;
   auto const task = makeTask(root_, TaskPriority::normal, "ratio", askYield(answers, 6));
+  auto const plain = makeTask(root_, TaskPriority::normal, "plain", askYield(answers, 3));
   task->taskTestYieldRatioIs(3);
   EXPECT_EQ(lastEvent(), EventType::frcYieldOn);
   EXPECT_EQ(root_->taskForceYieldInTestCount(), 1u);
   task->taskRunFromTest();
-  EXPECT_THAT(answers, ElementsAre(false, false, true, false, false, true));
+  root_->taskTestYieldRatioIs(2);
+  EXPECT_EQ(lastEvent(), EventType::schedulerTestYieldRatioOn);
+  EXPECT_EQ(task->taskTestYieldRatioEffective(), 3);
+  plain->taskRunFromTest();
+  EXPECT_THAT(answers, ElementsAre(false, false, true, false, false, true, false, true, false));
+  root_->taskTestYieldRatioIs(0);
+  EXPECT_EQ(lastEvent(), EventType::schedulerTestYieldRatioOff);
+  EXPECT_EQ(task->taskShouldYieldMode(), Mode::testYieldRatio);
 
   // A change of the ratio starts the count again: after seven calls a ratio
   // of 2 answers false first. Forcing makes every answer yes.
@@ -299,22 +244,6 @@ TEST_F(TaskTest, TestYieldRatioOfThreeYieldsOnEveryThirdCall) {
   task->taskTestYieldRatioIs(0);
   EXPECT_EQ(lastEvent(), EventType::frcYieldOff);
   EXPECT_EQ(root_->taskForceYieldInTestCount(), 0u);
-}
-
-TEST_F(TaskTest, RootRatioAppliesToTasksWithoutTheirOwn) {
-  std::vector<bool> answers;
-  auto const plain = makeTask(root_, TaskPriority::normal, "plain", askYield(answers, 3));
-  auto const own = makeTask(root_, TaskPriority::normal, "own");
-  own->taskTestYieldRatioIs(2);
-  root_->taskTestYieldRatioIs(3);
-  root_->taskTestYieldRatioIs(3);
-  EXPECT_EQ(own->taskTestYieldRatioEffective(), 2);
-  EXPECT_EQ(lastEvent(), EventType::schedulerTestYieldRatioOn);
-  plain->taskRunFromTest();
-  EXPECT_THAT(answers, ElementsAre(false, false, true));
-  root_->taskTestYieldRatioIs(0);
-  EXPECT_EQ(own->taskShouldYieldMode(), Mode::testYieldRatio);
-  EXPECT_EQ(lastEvent(), EventType::schedulerTestYieldRatioOff);
 }
 
 TEST_F(TaskTest, RunQuestionsOutsideARunAreRefused) {

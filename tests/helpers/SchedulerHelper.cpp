@@ -109,13 +109,6 @@ std::shared_ptr<IdleFdTask> fdTaskOn20() {
   return task;
 }
 
-int fdReadOffMode() {
-  auto const task = fdTaskOn20();
-  task->taskWatchReadableIs(false);
-  task->readFdEvent(20);
-  return 0;
-}
-
 int destroyAgainMode() {
   auto const root = Tamlo::schedulerRootTamlo();
   auto const bystander = Tamlo::makeShared<DoomedTask>(root);  // keeps the count above 0
@@ -184,7 +177,12 @@ constexpr Mode modes[] = {
      }},
     {"orphanparent", orphanParentTaskMode},
     {"groupsuspended", groupSuspendedMode},
-    {"fdreadoff", fdReadOffMode},
+    {"fdreadoff",
+     [] {
+       auto const task = fdTaskOn20();
+       task->taskWatchReadableIs(false);
+       return task->readFdEvent(20), 0;
+     }},
     {"fdwriteoff", [] { return fdTaskOn20()->writeFdEvent(20), 0; }},
     {"fdother", [] { return fdTaskOn20()->readFdEvent(21), 0; }},
     {"fork", forkMode},
@@ -196,9 +194,6 @@ int main(int argc, char** argv) {
   for (Mode const& mode : modes)
     if (argc == 2 && mode.name == argv[1])
       return mode.run();
-  std::fprintf(stderr, "usage: SchedulerHelper <mode>; modes:");
-  for (Mode const& mode : modes)
-    std::fprintf(stderr, " %.*s", static_cast<int>(mode.name.size()), mode.name.data());
-  std::fprintf(stderr, "\n");
+  std::fprintf(stderr, "usage: SchedulerHelper <mode>\n");
   return 2;
 }
