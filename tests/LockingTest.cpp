@@ -1,12 +1,6 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <pthread.h>
 #include <future>
-#include <string>
-#include <thread>
 
-#include <Tamlo/Exception.h>
 #include <Tamlo/Locking.h>
 #include <Tamlo/Loco.h>
 #include <Tamlo/Thread.h>
@@ -15,17 +9,22 @@
 
 namespace {
 
+using Tamlo::Test::assertionText;
 using ::testing::EndsWith;
-using ::testing::HasSubstr;
 
-std::string const notHeld = "attempting to release a lock that is not currently held, ";
 std::string const noThread = "thread::id of a non-executing thread";
 
 std::string threadIdText(pthread_t thread) {
   return std::to_string(static_cast<unsigned long>(thread));
 }
 
-using Tamlo::Test::assertionText;
+// The end of the assertion for releasing a lock that `owner` holds, or nobody
+// (`noThread`); recursive locks add their depth.
+std::string notHeld(char const* lock, std::string const& owner, char const* depth = "") {
+  return std::string(lock) +
+         "::unlock() attempting to release a lock that is not currently held, " + "owner:" + owner +
+         " me:" + threadIdText(pthread_self()) + depth;
+}
 
 // Holds a lock on a thread of its own until destroyed, so that the test
 // thread can misuse a lock that somebody else holds.
@@ -40,22 +39,19 @@ class Holder {
       released.wait();
       lock.unlock();
     });
-    id_ = locked.get();
+    id_ = threadIdText(locked.get());
   }
   ~Holder() {
     release_.set_value();
     thread_.join();
   }
-  pthread_t id() const { return id_; }
+  std::string id_;
 
  private:
   std::promise<pthread_t> locked_;
   std::promise<void> release_;
   std::thread thread_;
-  pthread_t id_{};
 };
-
-}  // namespace
 
 TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
   Tamlo::Locking::Lock lock;
@@ -76,19 +72,20 @@ TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
   }).join();
   EXPECT_TRUE(acquiredElsewhere);
   // Unlocking a free lock (a double unlock, say) names no owner.
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
-              EndsWith("Lock::unlock() " + notHeld + "owner:" + noThread +
-                       " me:" + threadIdText(pthread_self())));
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", noThread)));
 }
 
+// The failed unlock changes nothing: the holder still releases it cleanly.
 TEST(LockTest, UnlockFromAnotherThreadNamesBothThreads) {
   Tamlo::Locking::Lock lock;
-  Holder<Tamlo::Locking::Lock> holder(lock);
-  std::string const text = assertionText([&] { lock.unlock(); });
-  EXPECT_THAT(text, EndsWith("Lock::unlock() " + notHeld + "owner:" + threadIdText(holder.id()) +
-                             " me:" + threadIdText(pthread_self())));
-  // The failed unlock changed nothing: the holder still releases it cleanly.
+  Holder holder(lock);
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", holder.id_)));
   EXPECT_FALSE(lock.owns_lock());
+  Tamlo::Locking::RecursiveLock recursive;
+  Holder recursiveHolder(recursive);
+  EXPECT_FALSE(recursive.try_lock());
+  EXPECT_THAT(assertionText([&] { recursive.unlock(); }),
+              EndsWith(notHeld("RecursiveLock", recursiveHolder.id_, " lockCount:1")));
 }
 
 TEST(RecursiveLockTest, DepthAndOwnerFollowNesting) {
@@ -99,21 +96,10 @@ TEST(RecursiveLockTest, DepthAndOwnerFollowNesting) {
   EXPECT_EQ(lock.lockCount(), 3);
   lock.unlock();
   lock.unlock();
-  // Still held at the last level.
-  EXPECT_TRUE(lock.owns_lock());
+  EXPECT_TRUE(lock.owns_lock());  // still held at the last level
   EXPECT_EQ(lock.lockCount(), 1);
   lock.unlock();
   EXPECT_FALSE(lock.owns_lock());
-}
-
-TEST(RecursiveLockTest, UnlockFromAnotherThreadNamesBothThreadsAndDepth) {
-  Tamlo::Locking::RecursiveLock lock;
-  Holder<Tamlo::Locking::RecursiveLock> holder(lock);
-  EXPECT_FALSE(lock.try_lock());
-  std::string const text = assertionText([&] { lock.unlock(); });
-  EXPECT_THAT(text,
-              EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + threadIdText(holder.id()) +
-                       " me:" + threadIdText(pthread_self()) + " lockCount:1"));
 }
 
 TEST(LocoTest, ThreeLocksThreeUnlocksThenTheFourthAsserts) {
@@ -125,9 +111,8 @@ TEST(LocoTest, ThreeLocksThreeUnlocksThenTheFourthAsserts) {
   for (int i = 0; i < 3; ++i)
     loco.unlock();
   EXPECT_FALSE(loco.owns_lock());
-  std::string const text = assertionText([&] { loco.unlock(); });
-  EXPECT_THAT(text, EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + noThread +
-                             " me:" + threadIdText(pthread_self()) + " lockCount:0"));
+  EXPECT_THAT(assertionText([&] { loco.unlock(); }),
+              EndsWith(notHeld("RecursiveLock", noThread, " lockCount:0")));
 }
 
 TEST(LocoTest, OneLockForTheProcessAndGuardsNest) {
@@ -145,18 +130,14 @@ TEST(LocoTest, OneLockForTheProcessAndGuardsNest) {
   EXPECT_FALSE(Tamlo::Platform::loco().owns_lock());
 }
 
-TEST(ConditionalGuardTest, EarlyUnlockIsNotRepeated) {
+TEST(ConditionalGuardTest, EarlyUnlockIsNotRepeatedAndReleaseOffHandsTheLockOn) {
   Tamlo::Locking::Lock lock;
   {
     Tamlo::Test::ThrowOnAssert const throwOnAssert;
     Tamlo::Locking::ConditionalGuard const guard(lock);
     lock.unlock();
-  }  // A second unlock would assert and throw here.
+  }  // a second unlock would assert and throw here
   EXPECT_FALSE(lock.owns_lock());
-}
-
-TEST(ConditionalGuardTest, ReleaseOffHandsTheLockOn) {
-  Tamlo::Locking::Lock lock;
   {
     Tamlo::Locking::ConditionalGuard guard(lock);
     guard.releaseIs(false);
@@ -184,11 +165,12 @@ TEST(ThreadsInactiveTest, LocksRecordTheNominalOwnerAndStillCatchMisuse) {
   EXPECT_FALSE(recursive.owns_lock());
   std::string const text = assertionText([&] { recursive.unlock(); });
   Tamlo::Locking::Impl::threadsInactiveInTestIs(false);
-  EXPECT_THAT(text, EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + noThread +
-                             " me:" + threadIdText(pthread_self()) + " lockCount:0"));
+  EXPECT_THAT(text, EndsWith(notHeld("RecursiveLock", noThread, " lockCount:0")));
   // The mutexes are really free: normal locking works on them.
   EXPECT_TRUE(lock.try_lock());
   lock.unlock();
   EXPECT_TRUE(recursive.try_lock());
   recursive.unlock();
 }
+
+}  // namespace
