@@ -1,5 +1,5 @@
 #include <pthread.h>
-#include <future>
+#include <latch>
 
 #include <Tamlo/Locking.h>
 #include <Tamlo/Loco.h>
@@ -29,28 +29,24 @@ std::string notHeld(char const* lock, std::string const& owner, char const* dept
 // Holds a lock on a thread of its own until destroyed, so that the test
 // thread can misuse a lock that somebody else holds.
 template <typename LockType>
-class Holder {
- public:
-  explicit Holder(LockType& lock) {
-    std::future<pthread_t> locked = locked_.get_future();
-    thread_ = std::thread([this, &lock, released = release_.get_future()] {
-      lock.lock();
-      locked_.set_value(pthread_self());
-      released.wait();
-      lock.unlock();
-    });
-    id_ = threadIdText(locked.get());
+struct Holder {
+  explicit Holder(LockType& lock)
+      : thread_([this, &lock] {
+          lock.lock();
+          id = threadIdText(pthread_self());
+          locked.count_down();
+          release.wait();
+          lock.unlock();
+        }) {
+    locked.wait();
   }
   ~Holder() {
-    release_.set_value();
+    release.count_down();
     thread_.join();
   }
-  std::string id_;
-
- private:
-  std::promise<pthread_t> locked_;
-  std::promise<void> release_;
-  std::thread thread_;
+  std::latch locked{1}, release{1};
+  std::string id;
+  std::thread thread_;  // last: started once the rest is made
 };
 
 TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
@@ -79,13 +75,13 @@ TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
 TEST(LockTest, UnlockFromAnotherThreadNamesBothThreads) {
   Tamlo::Locking::Lock lock;
   Holder holder(lock);
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", holder.id_)));
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", holder.id)));
   EXPECT_FALSE(lock.owns_lock());
   Tamlo::Locking::RecursiveLock recursive;
   Holder recursiveHolder(recursive);
   EXPECT_FALSE(recursive.try_lock());
   EXPECT_THAT(assertionText([&] { recursive.unlock(); }),
-              EndsWith(notHeld("RecursiveLock", recursiveHolder.id_, " lockCount:1")));
+              EndsWith(notHeld("RecursiveLock", recursiveHolder.id, " lockCount:1")));
 }
 
 TEST(RecursiveLockTest, DepthAndOwnerFollowNesting) {

@@ -25,8 +25,7 @@
 
 namespace FailureProbe {
 
-class Checker {
- public:
+struct Checker {
   void check(int value) {
     std::printf("%s:%d\n", __FILE__, __LINE__ + 2);  // the assertion's line
     std::fflush(stdout);
@@ -34,6 +33,7 @@ class Checker {
   }
 };
 
+// Named in the backtraces that the tests look for.
 [[gnu::noinline]] void throwRuntime() {
   Tamlo::RuntimeException::throwException("socket closed");
 }
@@ -46,6 +46,7 @@ class Checker {
 
 }  // namespace FailureProbe
 
+// Outside any named namespace: trace lines carry no calling scope.
 namespace {
 
 using namespace FailureProbe;
@@ -170,7 +171,7 @@ Command const commands[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (Command const& command : commands)
+  for (auto const& command : commands)
     if (argc > 1 && std::strcmp(argv[1], command.name) == 0) {
       try {
         command.run(Args(argv + 2, argv + argc));
