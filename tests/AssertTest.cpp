@@ -14,8 +14,7 @@ int failLine = 0;
 
 namespace AssertProbe {
 
-class Widget {
- public:
+struct Widget {
   void check(int value) const {
     failLine = __LINE__ + 1;
     TAMLO_ASSERT(value < 10, "value {} too big", value);

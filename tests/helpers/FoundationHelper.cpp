@@ -117,24 +117,16 @@ Command const commands[] = {
          TAMLO_TRACE(handle, 2, "level two: {}", text);
        }
      }},
-    // "before", TRACEFILE switched to FILE, "after".
-    {"reopen",
-     [](Args const& file) {
+    // "before", TRACEFILE set to FILE and set up again, then with a DIR made
+    // and set up once more, "after".
+    {"retarget",
+     [](Args const& a) {
        auto const handle = getDebugHandler("Tamlo");
        TAMLO_TRACE(handle, 0, "before");
-       setenv("TRACEFILE", file.at(0).c_str(), 1);
+       setenv("TRACEFILE", a.at(0).c_str(), 1);
        Tamlo::Platform::setupTamloDebug("");
-       TAMLO_TRACE(handle, 0, "after");
-     }},
-    // "before", set up again, make DIR, set up again, "after".
-    {"retry",
-     [](Args const& dir) {
-       auto const handle = getDebugHandler("Tamlo");
-       TAMLO_TRACE(handle, 0, "before");
-       Tamlo::Platform::setupTamloDebug("");
-       if (mkdir(dir.at(0).c_str(), 0700) != 0)
-         std::exit(1);
-       Tamlo::Platform::setupTamloDebug("");
+       if (a.size() > 1 && mkdir(a[1].c_str(), 0700) == 0)
+         Tamlo::Platform::setupTamloDebug("");
        TAMLO_TRACE(handle, 0, "after");
      }},
     // N threads each trace LINES lines.
