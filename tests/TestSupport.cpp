@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <regex>
@@ -23,18 +24,14 @@ namespace {
 
 std::vector<std::string> childEnvironment(std::vector<std::string> const& env,
                                           std::vector<std::string> const& unset) {
-  auto named = [](std::string const& entry, std::string const& name) {
-    return entry.compare(0, name.size() + 1, name + "=") == 0;
-  };
+  std::vector<std::string> dropped = unset;
+  for (auto const& added : env)
+    dropped.push_back(added.substr(0, added.find('=')));
   std::vector<std::string> result;
   for (char** e = environ; *e; ++e) {
     std::string const entry(*e);
-    bool drop = false;
-    for (auto const& name : unset)
-      drop = drop || named(entry, name);
-    for (auto const& added : env)
-      drop = drop || named(entry, added.substr(0, added.find('=')));
-    if (!drop)
+    if (std::none_of(dropped.begin(), dropped.end(),
+                     [&](auto const& name) { return entry.rfind(name + "=", 0) == 0; }))
       result.push_back(entry);
   }
   result.insert(result.end(), env.begin(), env.end());
