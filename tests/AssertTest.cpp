@@ -1,11 +1,6 @@
 // Assertion texts, where they are traced, and what they throw. How call
 // sites are named in detail is FmtTest's business; here one site of each kind.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <string>
-#include <thread>
 
 #include <Tamlo/Assert.h>
 #include <Tamlo/Debug.h>
@@ -19,8 +14,7 @@ int failLine = 0;
 
 namespace AssertProbe {
 
-class Widget {
- public:
+struct Widget {
   void check(int value) const {
     failLine = __LINE__ + 1;
     TAMLO_ASSERT(value < 10, "value {} too big", value);
@@ -62,17 +56,15 @@ class AssertTextTest : public ::testing::Test {
     ::testing::internal::CaptureStderr();
   }
   void TearDown() override {
-    if (!captured_)
-      ::testing::internal::GetCapturedStderr();
+    ::testing::internal::GetCapturedStderr();
     Tamlo::Platform::setTraceFormat("date,time,tid,handle,level");
   }
+  // Lines since the last call.
   std::string traced() {
-    captured_ = true;
-    return ::testing::internal::GetCapturedStderr();
+    std::string const text = ::testing::internal::GetCapturedStderr();
+    ::testing::internal::CaptureStderr();
+    return text;
   }
-
- private:
-  bool captured_ = false;
 };
 
 TEST_F(AssertTextTest, TextIsFileLineScopeAndMessage) {
@@ -86,7 +78,6 @@ TEST_F(AssertTextTest, TextIsFileLineScopeAndMessage) {
       {[] { globalFunction(); }, "at global scope"},  // nothing encloses it
   };
   for (Row const& row : rows) {
-    SCOPED_TRACE(row.text);
     std::string const text = assertionText(row.fail);  // sets failLine
     EXPECT_EQ(text, at(failLine) + row.text);
   }

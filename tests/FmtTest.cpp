@@ -1,12 +1,11 @@
 // Message building: the plain and detailed builders, their buffer, and the
 // class and function names a call site is attributed to.
-#include <gtest/gtest.h>
-
 #include <cstdio>
-#include <string>
 
 #include <Tamlo/Assert.h>
 #include <Tamlo/Fmt.h>
+
+#include "TestSupport.h"
 
 namespace {
 
@@ -51,10 +50,7 @@ struct Widget {
     return [] { return [] { return WHERE(); }(); }();
   }
   std::string genericLambda() const {
-    return [](auto x) {
-      (void)x;
-      return WHERE();
-    }(1.5);
+    return [](auto) { return WHERE(); }(1.5);
   }
 };
 
@@ -104,49 +100,38 @@ static std::string globalFunction() {
 }
 
 namespace {
+
 std::string anonymousOnly() {
   return WHERE();
 }
-}  // namespace
 
-namespace {
-
-TEST(FmtTest, MembersAreNamedByTheirClass) {
+// Members by their class, operators with their whole name, lambdas by the
+// function around them, templates without their arguments, free functions by
+// their namespace, passing over anonymous ones.
+TEST(FmtTest, CallSitesAreNamedByClassOrNamespaceAndFunction) {
   {
     Probe::Widget w;
     EXPECT_EQ(w.seen, "Widget::Widget");
     EXPECT_EQ(w.madeInLambda, "Widget::operator()");
     EXPECT_EQ(w.member(), "Widget::member");
-    EXPECT_EQ(Probe::Outer::Inner().f(), "Inner::f");
-    EXPECT_EQ(Probe::withLocalClass(), "Local::g");
+    EXPECT_EQ(w(), "Widget::operator()");
+    (void)(w < w);
+    EXPECT_EQ(w.seen, "Widget::operator< Widget::operator<");
+    (void)static_cast<int>(w);
+    EXPECT_EQ(w.seen, "Widget::operator int");
+    EXPECT_EQ(w.lambda(), "Widget::lambda");
+    EXPECT_EQ(w.nestedLambda(), "Widget::nestedLambda");
+    EXPECT_EQ(w.genericLambda(), "Widget::genericLambda");
   }
   EXPECT_EQ(Probe::lastDestroyed, "Widget::~Widget");
-}
-
-TEST(FmtTest, OperatorsKeepTheirWholeName) {
-  Probe::Widget w;
-  EXPECT_EQ(w(), "Widget::operator()");
-  (void)(w < w);
-  EXPECT_EQ(w.seen, "Widget::operator< Widget::operator<");
-  (void)static_cast<int>(w);
-  EXPECT_EQ(w.seen, "Widget::operator int");
-}
-
-TEST(FmtTest, LambdasBelongToTheFunctionAroundThem) {
-  Probe::Widget const w;
-  EXPECT_EQ(w.lambda(), "Widget::lambda");
-  EXPECT_EQ(w.nestedLambda(), "Widget::nestedLambda");
-  EXPECT_EQ(w.genericLambda(), "Widget::genericLambda");
+  EXPECT_EQ(Probe::Outer::Inner().f(), "Inner::f");
+  EXPECT_EQ(Probe::withLocalClass(), "Local::g");
   EXPECT_EQ(Probe::Box<int>().lambda(), "Box::lambda");
   EXPECT_EQ([] { return WHERE(); }(),
-            "FmtTest_LambdasBelongToTheFunctionAroundThem_Test::TestBody");
-}
-
-TEST(FmtTest, TemplatesAndNamespaces) {
+            "FmtTest_CallSitesAreNamedByClassOrNamespaceAndFunction_Test::TestBody");
   EXPECT_EQ(Probe::Box<std::string>().get(), "Box::get");
   EXPECT_EQ(Probe::freeFunction(), "Probe::freeFunction");
   EXPECT_EQ(Probe::freeTemplate(3), "Probe::freeTemplate");
-  // Anonymous namespaces are passed over.
   EXPECT_EQ(Probe::hidden(), "Probe::hidden");
   EXPECT_EQ(Probe::Hidden().f(), "Hidden::f");
   EXPECT_EQ(anonymousOnly(), "anonymousOnly");
@@ -184,11 +169,9 @@ TEST(FmtTest, MessageBuilders) {
   EXPECT_EQ(Tamlo::Fmt::Impl::vformatstr("a.cpp", 7, false, nullptr, nullptr, "plain",
                                          fmt::make_format_args()),
             "a.cpp:7: plain");
-}
 
-TEST(FmtTest, LongMessagesAreBuiltWhole) {
+  // Long messages are built whole.
   std::string const body = std::string(700, 'a') + "end";
-  MessageBuffer buffer;
   Tamlo::Fmt::Impl::buildDetailedMessageBuffer(buffer, "f.cpp", 1, true, "g", "K", "<{}>",
                                                fmt::make_format_args(body));
   EXPECT_EQ(fmt::to_string(buffer), "f.cpp:1: K::g() <" + body + ">");
@@ -220,15 +203,14 @@ namespace {
 TEST(FmtTest, CustomFormattersAndPlainPrinting) {
   EXPECT_EQ(fmt::format("at {}", Point{1, -2}), "at (1, -2)");
 
-  std::FILE* file = std::tmpfile();
-  ASSERT_NE(file, nullptr);
+  char* text = nullptr;
+  size_t size = 0;
+  std::FILE* file = open_memstream(&text, &size);
   int const n = 5;
   Tamlo::QzFmt::Impl::vprint(file, "n={}\n", fmt::make_format_args(n));
-  std::rewind(file);
-  char text[16] = {};
-  ASSERT_NE(std::fgets(text, sizeof text, file), nullptr);
-  EXPECT_STREQ(text, "n=5\n");
   std::fclose(file);
+  EXPECT_EQ(std::string(text, size), "n=5\n");
+  std::free(text);
 }
 
 }  // namespace

@@ -1,12 +1,6 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <pthread.h>
-#include <future>
-#include <string>
-#include <thread>
+#include <latch>
 
-#include <Tamlo/Exception.h>
 #include <Tamlo/Locking.h>
 #include <Tamlo/Loco.h>
 #include <Tamlo/Thread.h>
@@ -15,47 +9,45 @@
 
 namespace {
 
+using Tamlo::Test::assertionText;
 using ::testing::EndsWith;
-using ::testing::HasSubstr;
 
-std::string const notHeld = "attempting to release a lock that is not currently held, ";
 std::string const noThread = "thread::id of a non-executing thread";
 
 std::string threadIdText(pthread_t thread) {
   return std::to_string(static_cast<unsigned long>(thread));
 }
 
-using Tamlo::Test::assertionText;
+// The end of the assertion for releasing a lock that `owner` holds, or nobody
+// (`noThread`); recursive locks add their depth.
+std::string notHeld(char const* lock, std::string const& owner, char const* depth = "") {
+  return std::string(lock) +
+         "::unlock() attempting to release a lock that is not currently held, " + "owner:" + owner +
+         " me:" + threadIdText(pthread_self()) + depth;
+}
 
 // Holds a lock on a thread of its own until destroyed, so that the test
 // thread can misuse a lock that somebody else holds.
 template <typename LockType>
-class Holder {
- public:
-  explicit Holder(LockType& lock) {
-    std::future<pthread_t> locked = locked_.get_future();
-    thread_ = std::thread([this, &lock, released = release_.get_future()] {
-      lock.lock();
-      locked_.set_value(pthread_self());
-      released.wait();
-      lock.unlock();
-    });
-    id_ = locked.get();
+struct Holder {
+  explicit Holder(LockType& lock)
+      : thread_([this, &lock] {
+          lock.lock();
+          id = threadIdText(pthread_self());
+          locked.count_down();
+          release.wait();
+          lock.unlock();
+        }) {
+    locked.wait();
   }
   ~Holder() {
-    release_.set_value();
+    release.count_down();
     thread_.join();
   }
-  pthread_t id() const { return id_; }
-
- private:
-  std::promise<pthread_t> locked_;
-  std::promise<void> release_;
-  std::thread thread_;
-  pthread_t id_{};
+  std::latch locked{1}, release{1};
+  std::string id;
+  std::thread thread_;  // last: started once the rest is made
 };
-
-}  // namespace
 
 TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
   Tamlo::Locking::Lock lock;
@@ -76,22 +68,23 @@ TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
   }).join();
   EXPECT_TRUE(acquiredElsewhere);
   // Unlocking a free lock (a double unlock, say) names no owner.
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
-              EndsWith("Lock::unlock() " + notHeld + "owner:" + noThread +
-                       " me:" + threadIdText(pthread_self())));
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", noThread)));
 }
 
+// The failed unlock changes nothing: the holder still releases it cleanly.
 TEST(LockTest, UnlockFromAnotherThreadNamesBothThreads) {
   Tamlo::Locking::Lock lock;
-  Holder<Tamlo::Locking::Lock> holder(lock);
-  std::string const text = assertionText([&] { lock.unlock(); });
-  EXPECT_THAT(text, EndsWith("Lock::unlock() " + notHeld + "owner:" + threadIdText(holder.id()) +
-                             " me:" + threadIdText(pthread_self())));
-  // The failed unlock changed nothing: the holder still releases it cleanly.
+  Holder holder(lock);
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", holder.id)));
   EXPECT_FALSE(lock.owns_lock());
+  Tamlo::Locking::RecursiveLock recursive;
+  Holder recursiveHolder(recursive);
+  EXPECT_FALSE(recursive.try_lock());
+  EXPECT_THAT(assertionText([&] { recursive.unlock(); }),
+              EndsWith(notHeld("RecursiveLock", recursiveHolder.id, " lockCount:1")));
 }
 
-TEST(RecursiveLockTest, DepthAndOwnerFollowNesting) {
+TEST(RecursiveLockTest, DepthAndOwnerFollowNestingAndAnExtraUnlockAsserts) {
   Tamlo::Locking::RecursiveLock lock;
   lock.lock();
   ASSERT_TRUE(lock.try_lock());
@@ -99,37 +92,16 @@ TEST(RecursiveLockTest, DepthAndOwnerFollowNesting) {
   EXPECT_EQ(lock.lockCount(), 3);
   lock.unlock();
   lock.unlock();
-  // Still held at the last level.
-  EXPECT_TRUE(lock.owns_lock());
+  EXPECT_TRUE(lock.owns_lock());  // still held at the last level
   EXPECT_EQ(lock.lockCount(), 1);
   lock.unlock();
   EXPECT_FALSE(lock.owns_lock());
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
+              EndsWith(notHeld("RecursiveLock", noThread, " lockCount:0")));
 }
 
-TEST(RecursiveLockTest, UnlockFromAnotherThreadNamesBothThreadsAndDepth) {
-  Tamlo::Locking::RecursiveLock lock;
-  Holder<Tamlo::Locking::RecursiveLock> holder(lock);
-  EXPECT_FALSE(lock.try_lock());
-  std::string const text = assertionText([&] { lock.unlock(); });
-  EXPECT_THAT(text,
-              EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + threadIdText(holder.id()) +
-                       " me:" + threadIdText(pthread_self()) + " lockCount:1"));
-}
-
-TEST(LocoTest, ThreeLocksThreeUnlocksThenTheFourthAsserts) {
-  Tamlo::Platform::Loco& loco = Tamlo::Platform::loco();
-  ASSERT_FALSE(loco.owns_lock());
-  for (int i = 0; i < 3; ++i)
-    loco.lock();
-  EXPECT_TRUE(loco.owns_lock());
-  for (int i = 0; i < 3; ++i)
-    loco.unlock();
-  EXPECT_FALSE(loco.owns_lock());
-  std::string const text = assertionText([&] { loco.unlock(); });
-  EXPECT_THAT(text, EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + noThread +
-                             " me:" + threadIdText(pthread_self()) + " lockCount:0"));
-}
-
+// Guards of the library lock nest; unlocking it once more than it was locked
+// asserts as a free recursive lock does.
 TEST(LocoTest, OneLockForTheProcessAndGuardsNest) {
   Tamlo::Platform::Loco* fromThread = nullptr;
   std::thread([&] { fromThread = &Tamlo::Platform::loco(); }).join();
@@ -143,20 +115,18 @@ TEST(LocoTest, OneLockForTheProcessAndGuardsNest) {
     EXPECT_FALSE(ownedElsewhere);
   }
   EXPECT_FALSE(Tamlo::Platform::loco().owns_lock());
+  EXPECT_THAT(assertionText([] { Tamlo::Platform::loco().unlock(); }),
+              EndsWith(notHeld("RecursiveLock", noThread, " lockCount:0")));
 }
 
-TEST(ConditionalGuardTest, EarlyUnlockIsNotRepeated) {
+TEST(ConditionalGuardTest, EarlyUnlockIsNotRepeatedAndReleaseOffHandsTheLockOn) {
   Tamlo::Locking::Lock lock;
   {
     Tamlo::Test::ThrowOnAssert const throwOnAssert;
     Tamlo::Locking::ConditionalGuard const guard(lock);
     lock.unlock();
-  }  // A second unlock would assert and throw here.
+  }  // a second unlock would assert and throw here
   EXPECT_FALSE(lock.owns_lock());
-}
-
-TEST(ConditionalGuardTest, ReleaseOffHandsTheLockOn) {
-  Tamlo::Locking::Lock lock;
   {
     Tamlo::Locking::ConditionalGuard guard(lock);
     guard.releaseIs(false);
@@ -184,11 +154,12 @@ TEST(ThreadsInactiveTest, LocksRecordTheNominalOwnerAndStillCatchMisuse) {
   EXPECT_FALSE(recursive.owns_lock());
   std::string const text = assertionText([&] { recursive.unlock(); });
   Tamlo::Locking::Impl::threadsInactiveInTestIs(false);
-  EXPECT_THAT(text, EndsWith("RecursiveLock::unlock() " + notHeld + "owner:" + noThread +
-                             " me:" + threadIdText(pthread_self()) + " lockCount:0"));
+  EXPECT_THAT(text, EndsWith(notHeld("RecursiveLock", noThread, " lockCount:0")));
   // The mutexes are really free: normal locking works on them.
   EXPECT_TRUE(lock.try_lock());
   lock.unlock();
   EXPECT_TRUE(recursive.try_lock());
   recursive.unlock();
 }
+
+}  // namespace

@@ -3,15 +3,9 @@
 #include <Tamlo/ForkHandler.h>
 #include <Tamlo/Plugin.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "TestSupport.h"
 
@@ -24,19 +18,13 @@ using Tamlo::Test::assertionText;
 using testing::EndsWith;
 using testing::HasSubstr;
 
-// Turns on the detail levels of "TamloPlugin" for one test.
-class PluginTraceDetail {
- public:
-  PluginTraceDetail() { Tamlo::Platform::setupTamloDebug("TamloPlugin/0123"); }
-  ~PluginTraceDetail() { Tamlo::Platform::clearTamloDebug("TamloPlugin/23"); }
-};
-
 TEST(PluginTest, LoadsByNameAndReturnsTheSamePluginAgain) {
-  PluginTraceDetail detail;
+  Tamlo::Platform::setupTamloDebug("TamloPlugin/0123");  // its detail levels, for this test
   testing::internal::CaptureStderr();
   Plugin* const first = loadPlugin("PluginTestGood");
   Plugin* const second = loadPlugin("PluginTestGood");
   std::string const trace = testing::internal::GetCapturedStderr();
+  Tamlo::Platform::clearTamloDebug("TamloPlugin/23");
 
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(first, second);
@@ -62,8 +50,7 @@ TEST(PluginTest, ConcurrentLoadsRegisterOnce) {
   for (auto& thread : threads)
     thread.join();
   ASSERT_NE(loaded[0], nullptr);
-  for (Plugin* plugin : loaded)
-    EXPECT_EQ(plugin, loaded[0]);
+  EXPECT_EQ(loaded, std::vector<Plugin*>(4, loaded[0]));
 }
 
 TEST(PluginTest, MissingPluginGivesNullAndTracesTheReason) {
@@ -95,12 +82,9 @@ TEST(PluginTest, ObjectRegisteringAnotherNameFailsToLoad) {
   EXPECT_STREQ(other->name(), "PluginTestOtherName");
 }
 
-class NamedPlugin final : public Plugin {
- public:
+struct NamedPlugin final : Plugin {
   explicit NamedPlugin(std::string name) : name_(std::move(name)) {}
   char const* name() const override { return name_.c_str(); }
-
- private:
   std::string name_;
 };
 

@@ -1,85 +1,58 @@
 // What a process prints when it dies of a failure: fatal assertions, the
 // terminate handler and the incompatible-library check, each run in a child
-// process (tests/helpers/FailureHelper.cpp).
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+// process (tests/helpers/FoundationHelper.cpp).
 #include <csignal>
-#include <string>
-#include <vector>
-
-#include <Tamlo/CheckIncompat.h>
 
 #include "TestSupport.h"
 
 namespace {
 
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
+using namespace ::testing;
 
-// Every variable that changes what the helper prints, unset so that the
-// outputs are exact.
-std::vector<std::string> const quiet = {"TRACE", "TRACEFILE", "TRACEFORMAT",
-                                        "TAMLO_BACKTRACE_VERBOSITY"};
-
+// Every variable that changes what the helper prints is unset or given, so
+// that the outputs are exact.
 Tamlo::Test::ChildResult runFailure(std::string const& mode,
                                     std::vector<std::string> const& env = {}) {
-  return Tamlo::Test::runHelper("FailureHelper", {mode}, env, quiet);
+  return Tamlo::Test::runHelper("FoundationHelper", {mode}, env,
+                                {"TRACE", "TRACEFILE", "TRACEFORMAT", "TAMLO_BACKTRACE_VERBOSITY"});
 }
-
-using Tamlo::Test::isBacktrace;
 
 std::string const typeLine = "terminate called after throwing an instance of ";
-
-}  // namespace
+std::string const stdHead = typeLine + "'std::runtime_error'\n  what(): disk full\n";
 
 TEST(FatalAssertTest, TracesThenPrintsTheReasonAndAborts) {
-  auto const result = runFailure("assert", {"TRACEFORMAT=handle,level"});
-  // The helper announces "file:line" of the failing assertion.
-  std::string const text =
-      result.out.substr(0, result.out.find('\n')) + ": Checker::check() value 7 out of range";
-  EXPECT_EQ(result.err, "Tamlo 0 " + text + "\nTamlo::Assert aborting because: " + text + "\n");
-  EXPECT_EQ(result.signal, SIGABRT);
-}
-
-TEST(FatalAssertTest, ActiveExceptionIsReportedAfterTheReason) {
-  auto const result = runFailure("assertInCatch", {"TRACEFORMAT=handle,level"});
-  std::string const text =
-      result.out.substr(0, result.out.find('\n')) + ": Checker::check() value 9 out of range";
-  EXPECT_EQ(result.err, "Tamlo 0 " + text + "\nTamlo::Assert aborting because: " + text + "\n" +
-                            typeLine + "'std::runtime_error'\n  what(): disk full\n");
-  EXPECT_EQ(result.signal, SIGABRT);
-}
-
-TEST(TerminateHandlerTest, LibraryExceptionPrintsItsOwnBacktraceOnce) {
-  for (char const* verbosity : {"0", "1"}) {
-    SCOPED_TRACE(verbosity);
-    auto const result =
-        runFailure("runtime", {std::string("TAMLO_BACKTRACE_VERBOSITY=") + verbosity});
-    std::string const head = typeLine +
-                             "'Tamlo::RuntimeException'\n"
-                             "  what(): Tamlo::RuntimeException(\"socket closed\")\n";
-    ASSERT_THAT(result.err, StartsWith(head));
-    std::string const backtrace = result.err.substr(head.size());
-    EXPECT_TRUE(isBacktrace(backtrace)) << backtrace;  // once: numbered from 0 throughout
-    EXPECT_THAT(backtrace, HasSubstr("FailureProbe::throwRuntime()+0x"));
+  // An active exception is reported after the reason.
+  for (auto const& [mode, value, tail] :
+       {std::tuple<char const*, char const*, std::string>{"assert", "7", ""},
+        {"assertInCatch", "9", stdHead}}) {
+    auto const result = runFailure(mode, {"TRACEFORMAT=handle,level"});
+    // The helper announces "file:line" of the failing assertion.
+    std::string const text = result.out.substr(0, result.out.find('\n')) +
+                             ": Checker::check() value " + value + " out of range";
+    EXPECT_EQ(result.err,
+              "Tamlo 0 " + text + "\nTamlo::Assert aborting because: " + text + "\n" + tail);
     EXPECT_EQ(result.signal, SIGABRT);
   }
 }
 
-// Other exceptions print what the type allows, then the backtrace of the
+// What the exception's type allows, then a backtrace: a library exception's
+// own (once, at any verbosity, also on another thread), otherwise that of the
 // terminating call at verbosity 1 only.
-TEST(TerminateHandlerTest, OtherExceptionsPrintTheirTypeAndWhatTheyCan) {
+TEST(TerminateHandlerTest, PrintsTheTypeWhatItCanAndABacktrace) {
+  std::string const runtimeHead = typeLine +
+                                  "'Tamlo::RuntimeException'\n"
+                                  "  what(): Tamlo::RuntimeException(\"socket closed\")\n";
   struct Row {
     char const* mode;
     char const* verbosity;
     std::string head;
     char const* frame;  // null: no backtrace
   } const rows[] = {
-      {"std", "0", typeLine + "'std::runtime_error'\n  what(): disk full\n", nullptr},
-      {"std", "1", typeLine + "'std::runtime_error'\n  what(): disk full\n",
-       "FailureProbe::throwStd()+0x"},
+      {"runtime", "0", runtimeHead, "FailureProbe::throwRuntime()+0x"},
+      {"runtime", "1", runtimeHead, "FailureProbe::throwRuntime()+0x"},
+      {"thread", "0", runtimeHead, "FailureProbe::throwRuntime()+0x"},
+      {"std", "0", stdHead, nullptr},
+      {"std", "1", stdHead, "FailureProbe::throwStd()+0x"},
       {"int", "0", typeLine + "'int'\n", nullptr},
       {"int", "1", typeLine + "'int'\n", "FailureProbe::throwInt()+0x"},
       {"int", "2", typeLine + "'int'\n", nullptr},
@@ -96,18 +69,10 @@ TEST(TerminateHandlerTest, OtherExceptionsPrintTheirTypeAndWhatTheyCan) {
     if (row.frame == nullptr) {
       EXPECT_EQ(rest, "");
     } else {
-      EXPECT_TRUE(isBacktrace(rest)) << rest;
+      EXPECT_TRUE(Tamlo::Test::isBacktrace(rest)) << rest;  // numbered from 0: printed once
       EXPECT_THAT(rest, HasSubstr(row.frame));
     }
   }
-}
-
-TEST(TerminateHandlerTest, RunsOnTheThreadThatTerminates) {
-  auto const result = runFailure("thread");
-  EXPECT_THAT(result.err,
-              StartsWith(typeLine + "'Tamlo::RuntimeException'\n"
-                                    "  what(): Tamlo::RuntimeException(\"socket closed\")\n#0 "));
-  EXPECT_EQ(result.signal, SIGABRT);
 }
 
 TEST(BacktraceVerbosityTest, ReadFromTheEnvironmentAsAWholeNumber) {
@@ -118,9 +83,6 @@ TEST(BacktraceVerbosityTest, ReadFromTheEnvironmentAsAWholeNumber) {
 }
 
 TEST(CheckIncompatTest, PassesWithOnlyThisLibrary) {
-  Tamlo::checkIncompat();
-  EXPECT_EQ(platformLibPresenceFlag, Tamlo::PLATFORM_LIB_FLAG_TAMLO);
-
   auto const result = runFailure("checkIncompat");
   EXPECT_EQ(result.out, "flag 2 from libTamlo.so.0\ncompatible\n");
   EXPECT_EQ(result.err, "");
@@ -136,10 +98,10 @@ TEST(CheckIncompatTest, AnotherDefinitionOfTheFlagFailsTheCheck) {
       runFailure("checkIncompat",
                  {std::string("LD_PRELOAD=") + TAMLO_PLUGIN_DIR + "/libFailureIncompatFlag.so",
                   "ASAN_OPTIONS=verify_asan_link_order=0:detect_odr_violation=0"});
-  // The interposition really happened...
+  // The interposition really happened, and the library saw it: its C
+  // assertion names the broken condition.
   EXPECT_EQ(result.out, "flag 1 from libFailureIncompatFlag.so\n");
-  // ...and the library saw it: its C assertion names the broken condition.
-  EXPECT_THAT(result.err, StartsWith("FailureHelper: "));
+  EXPECT_THAT(result.err, StartsWith("FoundationHelper: "));
   EXPECT_THAT(result.err, HasSubstr("/Tamlo/CheckIncompat.cpp:"));
   EXPECT_THAT(result.err,
               EndsWith(": void Tamlo::checkIncompat(): Assertion `platformLibPresenceFlag == "
@@ -147,3 +109,5 @@ TEST(CheckIncompatTest, AnotherDefinitionOfTheFlagFailsTheCheck) {
                        "has been loaded\"' failed.\n"));
   EXPECT_EQ(result.signal, SIGABRT);
 }
+
+}  // namespace

@@ -1,8 +1,9 @@
 #include "TestSupport.h"
 
-#include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <regex>
@@ -23,31 +24,28 @@ namespace {
 
 std::vector<std::string> childEnvironment(std::vector<std::string> const& env,
                                           std::vector<std::string> const& unset) {
-  auto named = [](std::string const& entry, std::string const& name) {
-    return entry.compare(0, name.size() + 1, name + "=") == 0;
-  };
+  std::vector<std::string> dropped = unset;
+  for (auto const& added : env)
+    dropped.push_back(added.substr(0, added.find('=')));
   std::vector<std::string> result;
   for (char** e = environ; *e; ++e) {
     std::string const entry(*e);
-    bool drop = false;
-    for (auto const& name : unset)
-      drop = drop || named(entry, name);
-    for (auto const& added : env)
-      drop = drop || named(entry, added.substr(0, added.find('=')));
-    if (!drop)
+    if (std::none_of(dropped.begin(), dropped.end(),
+                     [&](auto const& name) { return entry.rfind(name + "=", 0) == 0; }))
       result.push_back(entry);
   }
   result.insert(result.end(), env.begin(), env.end());
   return result;
 }
 
-void drain(int fd, std::string& into, bool& open) {
+// Everything written to `fd` from its start; closes it.
+std::string contents(int fd) {
+  std::string text;
   char buffer[4096];
-  ssize_t const n = ::read(fd, buffer, sizeof buffer);
-  if (n > 0)
-    into.append(buffer, static_cast<size_t>(n));
-  else if (n == 0 || errno != EINTR)
-    open = false;
+  for (ssize_t n; (n = pread(fd, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
+    text.append(buffer, static_cast<size_t>(n));
+  close(fd);
+  return text;
 }
 
 }  // namespace
@@ -65,40 +63,26 @@ ChildResult runHelper(std::string const& name, std::vector<std::string> const& a
     envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
 
-  int out[2], err[2];
-  if (pipe(out) != 0 || pipe(err) != 0)
-    throw std::runtime_error("pipe failed");
+  // Files rather than pipes: nothing to read while the child runs, and every
+  // helper waits for any child of its own before it ends.
+  int const out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
+  if (out < 0 || err < 0)
+    throw std::runtime_error("memfd_create failed");
   pid_t const pid = fork();
   if (pid < 0)
     throw std::runtime_error("fork failed");
   if (pid == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
-    close(out[0]);
-    close(err[0]);
-    close(out[1]);
-    close(err[1]);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
     execve(path.c_str(), argv.data(), envp.data());
     _exit(127);
   }
-  close(out[1]);
-  close(err[1]);
-  ChildResult result;
-  bool outOpen = true, errOpen = true;
-  while (outOpen || errOpen) {
-    pollfd fds[2] = {{outOpen ? out[0] : -1, POLLIN, 0}, {errOpen ? err[0] : -1, POLLIN, 0}};
-    if (poll(fds, 2, -1) < 0 && errno != EINTR)
-      break;
-    if (fds[0].revents)
-      drain(out[0], result.out, outOpen);
-    if (fds[1].revents)
-      drain(err[0], result.err, errOpen);
-  }
-  close(out[0]);
-  close(err[0]);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
+  ChildResult result;
+  result.out = contents(out);
+  result.err = contents(err);
   if (WIFEXITED(status))
     result.exitCode = WEXITSTATUS(status);
   if (WIFSIGNALED(status))

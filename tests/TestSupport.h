@@ -1,7 +1,12 @@
-// Shared helpers for the tests: running helper programs as child processes.
+// Shared helpers for the tests: running helper programs as child processes,
+// assertion texts, output lines and backtraces.
 #pragma once
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 

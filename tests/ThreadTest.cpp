@@ -1,12 +1,6 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <unistd.h>
-#include <cstring>
-#include <string>
-#include <thread>
 
 #include <fmt/format.h>
 
@@ -26,29 +20,21 @@ std::string kernelThreadName() {
   return name;
 }
 
-// Runs `body` on a new thread and waits for it.
-template <typename Body>
-void onNewThread(Body body) {
-  std::thread(body).join();
-}
-
 using Tamlo::Test::assertionText;
-
-}  // namespace
 
 TEST(ThreadTest, MainThreadIsTheProcess) {
   EXPECT_EQ(Tamlo::gettid(), getpid());
   EXPECT_TRUE(Tamlo::isMainThread());
   Tamlo::setMainThread();
   EXPECT_TRUE(Tamlo::mainThread);
-  onNewThread([] {
+  std::thread([] {
     EXPECT_NE(Tamlo::gettid(), getpid());
     EXPECT_FALSE(Tamlo::isMainThread());
     // Per thread, and false until set.
     EXPECT_FALSE(Tamlo::mainThread);
     Tamlo::setMainThread();
     EXPECT_FALSE(Tamlo::mainThread);
-  });
+  }).join();
 }
 
 TEST(ThreadTest, MainThreadNameIsNeverChanged) {
@@ -58,40 +44,34 @@ TEST(ThreadTest, MainThreadNameIsNeverChanged) {
   EXPECT_EQ(Tamlo::threadName(), processName);
 }
 
-TEST(ThreadTest, OtherThreadTakesFifteenCharacters) {
-  onNewThread([] {
+TEST(ThreadTest, OtherThreadTakesFifteenCharactersSixteenAssertAndKeepTheOldName) {
+  std::thread([] {
     Tamlo::threadNameIs("abcdefghijklmno");
     EXPECT_EQ(kernelThreadName(), "abcdefghijklmno");
     Tamlo::threadNameIs("short");  // replaces the cached name
     EXPECT_STREQ(Tamlo::threadName(), "short");
-  });
-}
-
-TEST(ThreadTest, UnnamedThreadReportsTheSystemName) {
-  onNewThread([] {
-    pthread_setname_np(pthread_self(), "fromsystem");
-    EXPECT_STREQ(Tamlo::threadName(), "fromsystem");
-  });
-}
-
-TEST(ThreadTest, SixteenCharactersAssertAndKeepTheOldName) {
-  onNewThread([] {
-    Tamlo::threadNameIs("before");
     std::string const text = assertionText([] { Tamlo::threadNameIs("abcdefghijklmnop"); });
     EXPECT_THAT(text, EndsWith(": Tamlo::threadNameIs() pthread_setname_np() failed:" +
                                std::to_string(ERANGE) + " for name:abcdefghijklmnop"));
-    EXPECT_STREQ(Tamlo::threadName(), "before");
-  });
+    EXPECT_STREQ(Tamlo::threadName(), "short");
+  }).join();
+}
+
+TEST(ThreadTest, UnnamedThreadReportsTheSystemName) {
+  std::thread([] {
+    pthread_setname_np(pthread_self(), "fromsystem");
+    EXPECT_STREQ(Tamlo::threadName(), "fromsystem");
+  }).join();
 }
 
 // The choice is per thread, and made before the thread's first singleton.
 TEST(ThreadTest, ThreadLocalSingletonsChosenBeforeFirstUse) {
-  onNewThread([] {
+  std::thread([] {
     Tamlo::useThreadLocalSingletons();
     Tamlo::useThreadLocalSingletons();  // harmless again
     EXPECT_TRUE(Tamlo::hasThreadLocalSingletons());
-  });
-  onNewThread([] {
+  }).join();
+  std::thread([] {
     EXPECT_FALSE(Tamlo::hasThreadLocalSingletons());
     std::string const text = assertionText([] { Tamlo::useThreadLocalSingletons(); });
     EXPECT_THAT(text, EndsWith(": Tamlo::useThreadLocalSingletons() Attempt to change "
@@ -99,7 +79,7 @@ TEST(ThreadTest, ThreadLocalSingletonsChosenBeforeFirstUse) {
                                "created. Please call useThreadLocalSingletons() immediately after "
                                "spawning your thread."));
     EXPECT_FALSE(Tamlo::hasThreadLocalSingletons());
-  });
+  }).join();
 }
 
 TEST(ThreadTest, ThreadIdText) {
@@ -109,3 +89,5 @@ TEST(ThreadTest, ThreadIdText) {
   EXPECT_EQ(fmt::format("<{}>", std::this_thread::get_id()), "<" + self + ">");
   EXPECT_EQ(fmt::format("{}", std::thread::id()), "thread::id of a non-executing thread");
 }
+
+}  // namespace

@@ -1,0 +1,178 @@
+// Child process for what is fixed at load time or ends the process: tracing
+// set up from TRACE, TRACEFORMAT and TRACEFILE by static initialisers, the
+// random seed chosen once per process, fatal assertions, uncaught exceptions
+// and the incompatible-library check. Usage: FoundationHelper COMMAND ARG...,
+// the commands being those of the table in main().
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <Tamlo/Assert.h>
+#include <Tamlo/Backtrace.h>
+#include <Tamlo/CheckIncompat.h>
+#include <Tamlo/Debug.h>
+#include <Tamlo/Exception.h>
+#include <Tamlo/FmtraceCpp.h>
+#include <Tamlo/Random.h>
+
+namespace FailureProbe {
+
+struct Checker {
+  void check(int value) {
+    std::printf("%s:%d\n", __FILE__, __LINE__ + 2);  // the assertion's line
+    std::fflush(stdout);
+    TAMLO_ASSERT(value < 5, "value {} out of range", value);
+  }
+};
+
+// Named in the backtraces that the tests look for.
+[[gnu::noinline]] void throwRuntime() {
+  Tamlo::RuntimeException::throwException("socket closed");
+}
+[[gnu::noinline]] void throwStd() {
+  throw std::runtime_error("disk full");
+}
+[[gnu::noinline]] void throwInt() {
+  throw 42;
+}
+
+}  // namespace FailureProbe
+
+// Outside any named namespace: trace lines carry no calling scope.
+namespace {
+
+using namespace FailureProbe;
+using Tamlo::Platform::getDebugHandler;
+using Args = std::vector<std::string>;
+
+// Where the flag that the dynamic linker hands out comes from, and its value.
+void describeFlag() {
+  void* const flag = dlsym(RTLD_DEFAULT, "platformLibPresenceFlag");
+  Dl_info info{};
+  if (!flag || dladdr(flag, &info) == 0 || !info.dli_fname) {
+    std::printf("flag not found\n");
+  } else {
+    char const* slash = std::strrchr(info.dli_fname, '/');
+    std::printf("flag %d from %s\n", *static_cast<int*>(flag), slash ? slash + 1 : info.dli_fname);
+  }
+  std::fflush(stdout);
+}
+
+// The seed, five rand64() values and a 1000-character randomString().
+void printDraws() {
+  std::printf("seed %u\n", Tamlo::Random::getSeed());
+  for (int i = 0; i < 5; ++i)
+    std::printf("%llu\n", static_cast<unsigned long long>(Tamlo::Random::rand64()));
+  std::string const text = Tamlo::Random::randomString(1000);
+  std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+// Each line carries its thread and sequence number around a long filler, so
+// that a torn or interleaved line cannot pass for a whole one.
+void traceFromThreads(int threadCount, int lineCount) {
+  auto const handle = getDebugHandler("TamloThreads");
+  handle->enabledIs(1, true);
+  std::string const filler(400, 'x');
+  std::vector<std::thread> threads;
+  for (int t = 0; t < threadCount; ++t)
+    threads.emplace_back([&, t] {
+      for (int n = 0; n < lineCount; ++n)
+        TAMLO_TRACE(handle, 1, "<t{} n{} {} t{} n{}>", t, n, filler, t, n);
+    });
+  for (auto& thread : threads)
+    thread.join();
+}
+
+struct Command {
+  char const* name;
+  void (*run)(Args const& args);
+};
+
+Command const commands[] = {
+    // "NAME/levels" of a new handle for each NAME.
+    {"levels",
+     [](Args const& names) {
+       for (auto const& name : names)
+         std::printf(
+             "%s/%s\n", name.c_str(),
+             Tamlo::Orv::DebugControl::levelsString(getDebugHandler(name)->levels()).c_str());
+     }},
+    {"format", [](Args const&) { Tamlo::Platform::printAllTraceFormat(); }},
+    // The pid, then each text traced on "Tamlo" at level 1, then at level 2.
+    {"trace",
+     [](Args const& texts) {
+       std::printf("%d\n", static_cast<int>(getpid()));
+       std::fflush(stdout);
+       auto const handle = getDebugHandler("Tamlo");
+       for (auto const& text : texts) {
+         TAMLO_TRACE(handle, 1, "{}", text);
+         TAMLO_TRACE(handle, 2, "level two: {}", text);
+       }
+     }},
+    // "before", TRACEFILE set to FILE and set up again, then with a DIR made
+    // and set up once more, "after".
+    {"retarget",
+     [](Args const& a) {
+       auto const handle = getDebugHandler("Tamlo");
+       TAMLO_TRACE(handle, 0, "before");
+       setenv("TRACEFILE", a.at(0).c_str(), 1);
+       Tamlo::Platform::setupTamloDebug("");
+       if (a.size() > 1 && mkdir(a[1].c_str(), 0700) == 0)
+         Tamlo::Platform::setupTamloDebug("");
+       TAMLO_TRACE(handle, 0, "after");
+     }},
+    // N threads each trace LINES lines.
+    {"threads", [](Args const& a) { traceFromThreads(std::stoi(a.at(0)), std::stoi(a.at(1))); }},
+    {"sequence",
+     [](Args const&) {
+       Tamlo::Random::setSeed();
+       printDraws();
+     }},
+    {"implicit", [](Args const&) { printDraws(); }},  // without setSeed()
+    {"assert", [](Args const&) { Checker().check(7); }},
+    {"assertInCatch",
+     [](Args const&) {
+       try {
+         throwStd();
+       } catch (std::exception const&) {
+         Checker().check(9);
+       }
+     }},
+    {"runtime", [](Args const&) { throwRuntime(); }},
+    {"std", [](Args const&) { throwStd(); }},
+    {"int", [](Args const&) { throwInt(); }},
+    {"terminate", [](Args const&) { std::terminate(); }},
+    {"thread", [](Args const&) { std::thread(throwRuntime).join(); }},
+    {"verbosity", [](Args const&) { std::printf("%d\n", Tamlo::Backtrace::verbosity()); }},
+    {"checkIncompat",
+     [](Args const&) {
+       describeFlag();
+       Tamlo::checkIncompat();
+       std::printf("compatible\n");
+     }},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (auto const& command : commands)
+    if (argc > 1 && std::strcmp(argv[1], command.name) == 0) {
+      try {
+        command.run(Args(argv + 2, argv + argc));
+        return 0;
+      } catch (Tamlo::InvalidInitializeException const& e) {  // a bad QZTEST_RANDSEED
+        std::printf("%s\n", e.msg().c_str());
+        return 3;
+      }
+    }
+  std::fprintf(stderr, "usage: FoundationHelper COMMAND ARG...\n");
+  return 2;
+}
