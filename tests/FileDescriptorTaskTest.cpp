@@ -103,23 +103,19 @@ TEST_F(FileDescriptorTaskTest, OnlyAnotherDescriptorUnschedulesBothDirections) {
 }
 
 TEST_F(FileDescriptorTaskTest, SubtaskStatsNamesFollowTheOwnersStatsName) {
-  struct Row {
-    char const* statsName;  // null: left as the name
-    bool writeSideFirst;    // made before the stats name is set
-    std::set<std::string> expected;
-  };
-  for (Row const& row : {Row{nullptr, false, {"net:read", "net:write"}},
-                         Row{"netStats", false, {"netStats:read", "netStats:write"}},
-                         Row{"netStats", true, {"netStats:read", "netStats:write"}}}) {
+  // The stats name, if set, and whether the write side was made before it.
+  for (auto const& [statsName, writeSideFirst] :
+       {std::pair{"", false}, std::pair{"netStats", false}, std::pair{"netStats", true}}) {
     auto const task = makeTask();
-    task->taskWatchWritableIs(row.writeSideFirst);
-    if (row.statsName != nullptr)
-      task->taskStatsNameIs(row.statsName);
+    task->taskWatchWritableIs(writeSideFirst);
+    if (*statsName != '\0')
+      task->taskStatsNameIs(statsName);
     task->taskWatchWritableIs(true);
     std::set<std::string> names;
     for (Tamlo::TaskImpl const& subtask : root_->registeredTasks())
       names.insert(subtask.taskStatsName());
-    EXPECT_EQ(names, row.expected) << row.writeSideFirst;
+    std::string const prefix = *statsName != '\0' ? statsName : "net";
+    EXPECT_EQ(names, (std::set{prefix + ":read", prefix + ":write"})) << writeSideFirst;
   }
 }
 
@@ -186,17 +182,15 @@ TEST_F(FileDescriptorTaskTest, APeerGoneOrADescriptorClosedUnderTheWatchIsSurviv
 }
 
 TEST(FileDescriptorTaskFatalTest, ReadinessNotWatchedForEndsTheProcess) {
-  struct Row {
-    char const* mode;
-    char const* message;
+  std::pair<char const*, char const*> const rows[] = {
+      {"fdreadoff", "readFdEvent() called with taskWatchReadable off"},
+      {"fdwriteoff", "writeFdEvent() called with taskWatchWritable off"},
+      {"fdother", "Notified about 21 watching 20"},
   };
-  for (Row const& row :
-       {Row{"fdreadoff", "Assertion `readFdEvent() called with taskWatchReadable off' failed"},
-        Row{"fdwriteoff", "Assertion `writeFdEvent() called with taskWatchWritable off' failed"},
-        Row{"fdother", "Assertion `Notified about 21 watching 20' failed"}}) {
-    auto const result = runHelper("SchedulerHelper", {row.mode}, {}, {"TRACE"});
-    EXPECT_EQ(result.signal, SIGABRT) << row.mode;
-    EXPECT_THAT(result.err, HasSubstr(row.message)) << row.mode;
+  for (auto const& [mode, message] : rows) {
+    auto const result = runHelper("SchedulerHelper", {mode}, {}, {"TRACE"});
+    EXPECT_EQ(result.signal, SIGABRT) << mode;
+    EXPECT_THAT(result.err, HasSubstr("Assertion `" + std::string(message) + "' failed"));
   }
 }
 
