@@ -54,12 +54,6 @@ size_t openDescriptors() {
                               std::filesystem::directory_iterator{}));
 }
 
-// One message: the sending thread and its running count, fixed-size so the
-// reader can cut the stream at any point.
-struct Message {
-  uint32_t sender, sequence;
-};
-
 struct SoakThread {
   struct Timer : Tamlo::TimerTask {
     Timer(SoakThread& owner, TaskPriority priority, uint32_t index)
@@ -139,7 +133,9 @@ struct SoakThread {
   void deliver(uint32_t timer, int run) {
     ++delivered;
     TAMLO_TRACE(trace, 1, "soak thread {} timer {} run {} {:0>40}", index, timer, run, delivered);
-    Message const message{index, sent++};
+    // The sending thread and its running count, fixed-size so that the reader
+    // can cut the stream at any point.
+    uint64_t const message = uint64_t{index} << 32 | sent++;
     outbox.append(reinterpret_cast<char const*>(&message), sizeof message);
     sender->taskWatchWritableIs(true);
   }
@@ -155,12 +151,11 @@ struct SoakThread {
     inbox.append(buffer, size_t(std::max<ssize_t>(::read(receiveFd, buffer, sizeof buffer), 0)));
     uint32_t const from = (index + kThreads - 1) % kThreads;
     size_t used = 0;
-    for (; inbox.size() - used >= sizeof(Message); used += sizeof(Message), ++received) {
-      Message message;
+    for (uint64_t message; inbox.size() - used >= sizeof message; used += sizeof message) {
       std::memcpy(&message, inbox.data() + used, sizeof message);
-      if (message.sender != from || message.sequence != received)
-        fail("thread {}: message {}:{} where {}:{} was due", index, message.sender,
-             message.sequence, from, received);
+      if (message != (uint64_t{from} << 32 | received++))
+        fail("thread {}: message {}:{} where {}:{} was due", index, message >> 32,
+             uint32_t(message), from, received - 1);
     }
     inbox.erase(0, used);
   }
@@ -179,9 +174,9 @@ struct SoakThread {
 }  // namespace
 
 int main(int argc, char** argv) {
-  char const* const scaleText = argc > 1 ? argv[1] : std::getenv("TAMLO_SOAK_SCALE");
-  size_t const scale = scaleText ? std::strtoul(scaleText, nullptr, 10) : 1;
-  size_t const timersPerThread = 500 * std::max<size_t>(scale, 1);
+  char const* const scale = argc > 1 ? argv[1] : std::getenv("TAMLO_SOAK_SCALE");
+  size_t const timersPerThread =
+      500 * std::max<size_t>(scale ? std::strtoul(scale, nullptr, 10) : 1, 1);
 
   size_t const descriptorsBefore = openDescriptors();
   uint64_t const allocationsBefore = Tamlo::AllocatorStats::liveAllocations();
@@ -197,14 +192,15 @@ int main(int argc, char** argv) {
     soaks.reserve(kThreads);
     for (uint32_t i = 0; i < kThreads; ++i)
       soaks.emplace_back(i, timersPerThread, links[i][0], links[(i + kThreads - 1) % kThreads][1]);
-    std::vector<std::thread> threads;
-    for (SoakThread& soak : soaks)
-      threads.emplace_back([&soak] { soak.run(); });
-    for (size_t i = 0; i < kThreads; ++i) {
-      threads[i].join();
-      armed += soaks[i].armed;
-      delivered += soaks[i].delivered;
-      received += soaks[i].received;
+    {
+      std::vector<std::jthread> threads;
+      for (SoakThread& soak : soaks)
+        threads.emplace_back([&soak] { soak.run(); });
+    }
+    for (SoakThread const& soak : soaks) {
+      armed += soak.armed;
+      delivered += soak.delivered;
+      received += soak.received;
     }
     for (auto& link : links)
       ::close(link[0]), ::close(link[1]);
