@@ -149,7 +149,8 @@ TEST(TimerTaskForkTest, ATimerArmedBeforeForkRunsInBothAndTheChildRunsItsOwn) {
             "parent: forked 0 inherited 1 child status 0\n");
 }
 
-TEST(TimerAndGroupFatalTest, BrokenChecksAbortWithTheirMessage) {
+// Of timers, groups and fd tasks (readiness not watched for).
+TEST(TaskFatalTest, BrokenChecksAbortWithTheirMessage) {
   std::pair<char const*, char const*> const rows[] = {
       {"jitter101", "maxJitterPercentage: e > 100"},
       {"lowestnever", "delayIntoFuture: 9223372036854775807ns"},
@@ -158,6 +159,9 @@ TEST(TimerAndGroupFatalTest, BrokenChecksAbortWithTheirMessage) {
       {"grouppriority", "taskPriority( normal ) != taskGroupPriority( high )"},
       {"orphanparent", "TaskGroup is non-null"},
       {"groupsuspended", "TaskGroup parentTask should be scheduled."},
+      {"fdreadoff", "readFdEvent() called with taskWatchReadable off"},
+      {"fdwriteoff", "writeFdEvent() called with taskWatchWritable off"},
+      {"fdother", "Notified about 21 watching 20"},
   };
   for (auto const& [mode, message] : rows) {
     auto const result = Tamlo::Test::runHelper("SchedulerHelper", {mode}, {},
