@@ -1,15 +1,12 @@
-// A soak run: eight threads, each with its own scheduler root and event
-// loop, run timer tasks of mixed priorities that re-arm themselves with
-// jittered delays, pass one message per timer run to the next thread over a
-// socketpair watched by fd tasks, and trace a line for every run into the one
-// trace file. Usage: SoakHelper [scale] (TAMLO_SOAK_SCALE when not given;
-// 1 is a few seconds under sanitizers, 200 gives 100,000 timer tasks a thread).
-//
-// It checks what load cannot break: a timer never runs before its expiry
-// (compared with Tamlo::time() at the run), runs exactly once per arming,
-// every message arrives once and in order, and descriptors and the library's
-// allocations are back where they were. Prints one summary line, then a line
-// per failure; exits 1 on any failure.
+// A soak run: eight threads, each with its own scheduler root and event loop,
+// run timer tasks of mixed priorities that re-arm themselves with jittered
+// delays, send a message per timer run to the next thread over a socketpair
+// watched by fd tasks, and trace a line per run into the one trace file.
+// Usage: SoakHelper [scale] (else TAMLO_SOAK_SCALE; 1 takes a few seconds under
+// sanitizers, 200 gives 100,000 timer tasks a thread). Prints a summary line,
+// then a line per broken promise (a timer early or run other than once per
+// arming, a message lost or out of order, descriptors or allocations left
+// behind), and exits 1 if there was any.
 #include <sys/socket.h>
 #include <unistd.h>
 
