@@ -88,70 +88,58 @@ TEST(TaskControlTest, EachControlIsOneAllocationRegisteredAsATask) {
 // Journals its notifications. A read notification consumes the input and
 // asks for one write notification, or with `throwing` throws instead; the
 // exception's offer turns reads off and answers `claims`.
-class RecordingFdHandler : public Tamlo::Platform::FdEventHandler {
- public:
-  void readFdEvent(int fd) override {
-    char buffer[16];
-    journal += "read " + std::to_string(read(fd, buffer, sizeof buffer)) + ";";
-    if (throwing)
-      throw std::runtime_error("handler failed");
-    control->setReads(false);
-    control->setWrites(true);
-  }
-  void writeFdEvent(int fd) override { journal += "write " + std::to_string(fd == fd_) + ";"; }
-  bool handleFdException(int fd) override {
-    journal += "offered " + std::to_string(fd == fd_) + ";";
-    control->setReads(false);
-    return claims;
-  }
-
-  std::shared_ptr<Tamlo::Platform::TaskFdControl> control;
-  int fd_ = -1;
-  std::string journal;
-  bool throwing = false;
-  bool claims = false;
-};
-
-class TaskFdControlTest : public ::testing::Test {
+class TaskFdControlTest : public ::testing::Test, public FdEventHandler {
  protected:
   TaskFdControlTest() {
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_);
-    handler_.control =
-        Tamlo::Platform::getFdControl(&handler_, root_, Tamlo::TaskPriority::high, "ctl");
-    handler_.fd_ = fds_[0];
-    handler_.control->setFd(fds_[0]);
+    control_->setFd(fds_[0]);
     EXPECT_EQ(write(fds_[1], "x", 1), 1);
   }
   ~TaskFdControlTest() override {
-    handler_.control.reset();
+    control_.reset();
     close(fds_[0]);
     close(fds_[1]);
+  }
+  void readFdEvent(int fd) override {
+    char buffer[16];
+    journal_ += "read " + std::to_string(read(fd, buffer, sizeof buffer)) + ";";
+    if (throwing_)
+      throw std::runtime_error("handler failed");
+    control_->setReads(false);
+    control_->setWrites(true);
+  }
+  void writeFdEvent(int fd) override { journal_ += "write " + std::to_string(fd == fds_[0]) + ";"; }
+  bool handleFdException(int fd) override {
+    journal_ += "offered " + std::to_string(fd == fds_[0]) + ";";
+    control_->setReads(false);
+    return claims_;
   }
 
   std::shared_ptr<Tamlo::TaskSchedulerRoot> root_ =
       Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("controls");
+  std::shared_ptr<TaskFdControl> control_ = getFdControl(this, root_, TaskPriority::high, "ctl");
   int fds_[2] = {-1, -1};
-  RecordingFdHandler handler_;
+  std::string journal_;
+  bool throwing_ = false, claims_ = false;
 };
 
 TEST_F(TaskFdControlTest, NotificationsRunAsTasksAndClearEventsForgetsTheFd) {
-  Tamlo::Platform::doEventLoop();
-  EXPECT_EQ(handler_.journal, "read 1;write 1;");
-  EXPECT_EQ(handler_.control->taskRunCountWritable(), 1u);
-  handler_.control->clearEvents();
-  EXPECT_EQ(handler_.control->getFd(), -1);
+  doEventLoop();
+  EXPECT_EQ(journal_, "read 1;write 1;");
+  EXPECT_EQ(control_->taskRunCountWritable(), 1u);
+  control_->clearEvents();
+  EXPECT_EQ(control_->getFd(), -1);
 }
 
 TEST_F(TaskFdControlTest, AClaimedHandlerExceptionEndsTheRunAnUnclaimedOneLeavesIt) {
-  handler_.throwing = handler_.claims = true;
-  Tamlo::Platform::doEventLoop();
-  EXPECT_EQ(handler_.journal, "read 1;offered 1;");
-
-  handler_.claims = false;
-  handler_.control->setReads(true);
+  throwing_ = claims_ = true;
+  doEventLoop();
+  EXPECT_EQ(journal_, "read 1;offered 1;");
+  claims_ = false;
+  control_->setReads(true);
   EXPECT_EQ(write(fds_[1], "y", 1), 1);
-  EXPECT_THROW(Tamlo::Platform::doEventLoop(), std::runtime_error);
-  EXPECT_EQ(handler_.journal, "read 1;offered 1;read 1;offered 1;");
+  EXPECT_THROW(doEventLoop(), std::runtime_error);
+  EXPECT_EQ(journal_, "read 1;offered 1;read 1;offered 1;");
 }
 
 }  // namespace
