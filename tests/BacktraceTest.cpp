@@ -1,21 +1,14 @@
 // The rendering of the tracked backtraces: a heading, then per entry a line
 // with its sequence number, time, thread and message and its frames indented.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <regex>
 #include <sstream>
-#include <string>
 #include <thread>
 
-#include <fmt/format.h>
-
 #include <Tamlo/Backtrace.h>
-#include <Tamlo/Exception.h>
 #include <Tamlo/Thread.h>
 
-#include "TestSupport.h"
+#include "SysTestSupport.h"
 
 namespace {
 

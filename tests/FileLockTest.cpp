@@ -1,20 +1,9 @@
 #include <Tamlo/Debug.h>
 #include <Tamlo/FileLock.h>
-#include <Tamlo/Util.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
-#include <string>
 
 #include "SysTestSupport.h"
 
@@ -142,26 +131,13 @@ TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
 // A server that dies holding its lock (killed, so no destructor runs) frees
 // it with its open file: the next start takes it.
 TEST_F(FileLockTest, ALockHeldByAProcessThatDiesIsFreedWithIt) {
-  int ready[2];
-  ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-  pid_t const holder = ::fork();
-  if (holder == 0) {
-    FileLock lock(*handle_, directory_, "svc.lock");
-    char const locked = lock.lock(false) ? 'y' : 'n';
-    (void)!::write(ready[1], &locked, 1);
-    ::pause();
-    ::_exit(0);
-  }
-  ::close(ready[1]);
-  char locked = 0;
-  ASSERT_EQ(::read(ready[0], &locked, 1), 1);
-  ::close(ready[0]);
-  EXPECT_EQ(locked, 'y');
+  Tamlo::Test::LiveChild holder(
+      [&] { (new FileLock(*handle_, directory_, "svc.lock"))->lock(false); });
+  EXPECT_EQ(Tamlo::Util::readLockPid(file_), holder.pid());
   FileLock lock(*handle_, directory_, "svc.lock");
   EXPECT_FALSE(traced([&] { return lock.lock(false); }).first);
-  ::kill(holder, SIGKILL);
-  int status = 0;
-  ASSERT_EQ(::waitpid(holder, &status, 0), holder);
+  ::kill(holder.pid(), SIGKILL);
+  EXPECT_EQ(holder.wait().signal, SIGKILL);
   EXPECT_TRUE(lock.lock(false));
 }
 

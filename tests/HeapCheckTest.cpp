@@ -2,15 +2,11 @@
 // HEAPCHECK is set. The child leaks one block of 4242 bytes on purpose; it
 // runs with the leak checker blind to static storage (use_globals=0), which
 // would otherwise hide the library's singletons as reachable.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
 #include <vector>
 
 #include <Tamlo/HeapCheck.h>
 
-#include "TestSupport.h"
+#include "SysTestSupport.h"
 
 using ::testing::HasSubstr;
 

@@ -1,14 +1,8 @@
 #include <Tamlo/ProcInfo.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <sys/prctl.h>
 
 #include <ctime>
-#include <functional>
-#include <optional>
-#include <string>
 #include <vector>
 
 #include "SysTestSupport.h"

@@ -1,23 +1,14 @@
+#include <Tamlo/Errno.h>
 #include <Tamlo/ProcInfo.h>
 #include <Tamlo/Socket.h>
-#include <Tamlo/Util.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <linux/sockios.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <cerrno>
-#include <functional>
-#include <string>
 #include <thread>
-
-#include <Tamlo/Errno.h>
 
 #include "SysTestSupport.h"
 

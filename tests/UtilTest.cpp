@@ -3,21 +3,10 @@
 #include <Tamlo/FileLock.h>
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/TypeName.h>
-#include <Tamlo/Util.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <filesystem>
-#include <functional>
 #include <iomanip>
-#include <optional>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -28,6 +17,9 @@ namespace {
 
 using Tamlo::DisplayPointer;
 using Tamlo::IntrospectionMap;
+using Tamlo::Test::errorOf;
+namespace fs = std::filesystem;
+namespace Util = Tamlo::Util;
 
 TEST(UtilTest, Base64EncodeGivesSixCharactersLowGroupFirst) {
   // 64 and 1 << 30 place the second and the sixth (top two bits) group.
@@ -131,7 +123,7 @@ TEST(UtilTest, CountersReachTheCountersPlugin) {
 }
 
 TEST(UtilTest, CountersWithoutThePluginDoNothing) {
-  auto const run = Tamlo::Test::runHelper("UtilHelper", {"counters"}, {"TRACEFORMAT=handle,level"},
+  auto const run = Tamlo::Test::runHelper("DiagHelper", {"counters"}, {"TRACEFORMAT=handle,level"},
                                           {"LD_LIBRARY_PATH", "TRACE", "TRACEFILE"});
   EXPECT_EQ(run.exitCode, 0);
   EXPECT_EQ(run.out, "plugin null\nrequests 7\n");
@@ -140,12 +132,6 @@ TEST(UtilTest, CountersWithoutThePluginDoNothing) {
             "libVigorCountersPlugin.so: "
             "cannot open shared object file: No such file or directory\n");
 }
-
-// ---- Files, paths and lock holders ----
-
-using Tamlo::Test::errorOf;
-namespace fs = std::filesystem;
-namespace Util = Tamlo::Util;
 
 TEST(UtilFileTest, WriteReplacesAtomicallyAndTheOtherHelpersAct) {
   Tamlo::Test::ScratchDirectory const dir;
@@ -221,16 +207,14 @@ TEST(UtilFileTest, MkpathCreatesEveryMissingDirectoryAndReportsLikeMkdir) {
 }
 
 TEST(UtilFileTest, TrimpathCleansLexically) {
-  std::pair<char const*, char const*> const cases[] = {
-      {"", "."},
-      {".", "."},
-      {"/", "/"},
-      {"a//b/./c/", "a/b/c"},
-      {"/../a/..", "/"},
-      {"../../a", "../../a"},
-      {"a/b/../../..", ".."},
-      {"/x/./y/../z", "/x/z"},
-  };
+  std::pair<char const*, char const*> const cases[] = {{"", "."},
+                                                       {".", "."},
+                                                       {"/", "/"},
+                                                       {"a//b/./c/", "a/b/c"},
+                                                       {"/../a/..", "/"},
+                                                       {"../../a", "../../a"},
+                                                       {"a/b/../../..", ".."},
+                                                       {"/x/./y/../z", "/x/z"}};
   for (auto const& [path, cleaned] : cases)
     EXPECT_EQ(Util::trimpath(path), cleaned) << path;
 }
