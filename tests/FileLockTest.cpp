@@ -46,16 +46,13 @@ TEST_F(FileLockTest, LockConflictsReentersAndReleasesWithItsTraces) {
   ::umask(oldMask);
   EXPECT_TRUE(locked);
   EXPECT_THAT(lockTrace, HasSubstr("acquired lock on file:" + file_ + "\n"));
-  struct stat status;
-  ASSERT_EQ(::stat(file_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0666u);
+  EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0666));
   EXPECT_EQ(Tamlo::Util::readLockPid(file_), ::getpid());
   int closeOnExec = 0;  // programs this process runs inherit no lock
-  for (auto const& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code error;
+  std::error_code error;
+  for (auto const& fd : std::filesystem::directory_iterator("/proc/self/fd"))
     if (std::filesystem::read_symlink(fd.path(), error) == file_)
       closeOnExec += ::fcntl(std::stoi(fd.path().filename()), F_GETFD) == FD_CLOEXEC ? 1 : 100;
-  }
   EXPECT_EQ(closeOnExec, 1);
 
   int const descriptors = openDescriptorCount();

@@ -149,7 +149,7 @@ TEST(IntrusiveList, SplicesMoveWholeListsInOrderAndLeaveBothUsable) {
 }
 
 TEST(IntrusiveList, DestroyingAListOrAnElementUnlinks) {
-  Item a(1), b(2), c(3);
+  Item a(1), b(2);
   BookmarkListLinkNode bookmark(Role::bookmark);
   {
     Queue queue;
@@ -191,7 +191,6 @@ TEST(IntrusiveBookmarkList, WalksAndFrontSkipBookmarks) {
   EXPECT_EQ(registry.beginAt(last)->value_, 1);
   for (auto* bookmark : {&first, &last, &middle})
     Registry::unlinkBookmark(*bookmark);
-  EXPECT_FALSE(middle.isLinked());
   registry.linkBookmark(last, registry.end());  // parked at the end
   EXPECT_EQ(registry.beginAt(last), registry.end());
 }

@@ -1,6 +1,3 @@
-// Memory mappings from /proc/<pid>/maps and the type names of objects in
-// another process: the parser on good and malformed text, lookups, and the
-// readers against a child holding objects of known types.
 #include <stdexcept>
 
 #include <Tamlo/Mappings.h>

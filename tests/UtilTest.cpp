@@ -50,7 +50,7 @@ std::string renderOther(void const*) {
   return "other";
 }
 
-TEST(UtilTest, IntrospectionMapInsertsReplacesAndLooksUp) {
+TEST(UtilTest, IntrospectionMapInsertsReplacesAndLooksUpFromManyThreads) {
   EXPECT_EQ(IntrospectionMap::lookup("UtilTest.unknown"), nullptr);
   IntrospectionMap::insert("UtilTest.int", renderInt);
   EXPECT_EQ(IntrospectionMap::lookup("UtilTest.int"), &renderInt);
@@ -61,9 +61,7 @@ TEST(UtilTest, IntrospectionMapInsertsReplacesAndLooksUp) {
 
   IntrospectionMap::insert("UtilTest.int", nullptr);
   EXPECT_EQ(IntrospectionMap::lookup("UtilTest.int"), nullptr);
-}
 
-TEST(UtilTest, IntrospectionMapIsSafeFromManyThreads) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([t] {
@@ -77,39 +75,26 @@ TEST(UtilTest, IntrospectionMapIsSafeFromManyThreads) {
     thread.join();
 }
 
-struct Base {
-  virtual ~Base() = default;
-};
-struct Derived : Base {};
-
 TEST(UtilTest, TypeNameDemanglesOrReturnsTheInput) {
   EXPECT_EQ(Tamlo::typeName<Tamlo::DisplayPointer>(), "Tamlo::DisplayPointer");
-  Derived const derived;
-  Base const& base = derived;
-  EXPECT_EQ(Tamlo::typeName(base), "(anonymous namespace)::Derived");
   EXPECT_EQ(Tamlo::typeName(typeid(std::vector<int>).name()),
             "std::vector<int, std::allocator<int> >");
   EXPECT_EQ(Tamlo::typeName("not a mangled name"), "not a mangled name");
-}
-
-Tamlo::Test::VigorCountersRecord* countersRecord() {
-  auto const recordFunction = reinterpret_cast<Tamlo::Test::VigorCountersRecordFunction>(
-      dlsym(RTLD_DEFAULT, "vigorCountersRecordForTest"));
-  return recordFunction ? recordFunction() : nullptr;
 }
 
 TEST(UtilTest, CountersReachTheCountersPlugin) {
   Tamlo::Counters counters("serverStats");
   ASSERT_NE(counters.plugin(), nullptr);
   EXPECT_STREQ(counters.plugin()->name(), "VigorCountersPlugin");
-  auto* const record = countersRecord();
-  ASSERT_NE(record, nullptr);
+  auto const recordOf = reinterpret_cast<Tamlo::Test::VigorCountersRecordFunction>(
+      dlsym(RTLD_DEFAULT, "vigorCountersRecordForTest"));
+  ASSERT_NE(recordOf, nullptr);
+  auto* const record = recordOf();
   size_t const setsBefore = record->openedSets.size();
   size_t const countersBefore = record->counters.size();
   EXPECT_EQ(record->openedSets.back(), "serverStats");
 
-  uint64_t requests = 0;
-  uint64_t errors = 0;
+  uint64_t requests = 0, errors = 0;
   counters.counter("requests", &requests);
   counters.counter("errors", &errors);
   ASSERT_EQ(record->counters.size(), countersBefore + 2);
