@@ -10,16 +10,12 @@
 
 #include "SysTestSupport.h"
 
-namespace {
-
 using Tamlo::BacktraceTracker;
 
 class RenderTest : public ::testing::Test {
  protected:
   void TearDown() override { BacktraceTracker::capacityIs(BacktraceTracker::defaultCapacity); }
 };
-
-}  // namespace
 
 TEST_F(RenderTest, ShowsKeptEntriesOldestFirstWithTheirFramesIndented) {
   auto const before = std::chrono::system_clock::now();

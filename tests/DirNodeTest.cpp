@@ -6,7 +6,6 @@ namespace {
 
 using Tamlo::DirEntry;
 using Tamlo::DirNode;
-using Tamlo::Test::errorOf;
 namespace fs = std::filesystem;
 
 // Each entry as "relative-path:type:depth ", then each error as "| path: text ".
@@ -79,7 +78,8 @@ TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
 
 TEST_F(DirNodeTest, UnreadableRootThrows) {
   for (std::string const error : {"none: No such file or directory", "a.txt: Not a directory"})
-    EXPECT_EQ(errorOf([&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
+    EXPECT_EQ(Tamlo::Test::errorOf(
+                  [&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
               "Tamlo::RuntimeException: opendir " + scratch_ / error);
 }
 

@@ -10,9 +10,7 @@
 namespace {
 
 using Tamlo::FileLock;
-using Tamlo::Test::assertionText;
 using Tamlo::Test::openDescriptorCount;
-using testing::EndsWith;
 using testing::HasSubstr;
 
 class FileLockTest : public testing::Test {
@@ -104,7 +102,7 @@ TEST_F(FileLockTest, MisuseIsAnAssertionFailure) {
        "unexpected mkpath() error " + scratch_ / "plain/sub" + ": Not a directory"},
   };
   for (auto const& [misuse, message] : cases)
-    EXPECT_THAT(assertionText(misuse), EndsWith(message));
+    EXPECT_THAT(Tamlo::Test::assertionText(misuse), testing::EndsWith(message));
 }
 
 TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {

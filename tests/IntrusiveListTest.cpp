@@ -12,7 +12,6 @@ namespace {
 
 using Role = BookmarkListLinkNode::Role;
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 
 // Polymorphic and derived, so the link nodes sit deep inside the object.
 struct Named {
@@ -49,7 +48,7 @@ void pushAll(List& list, std::initializer_list<Item*> items) {
 using Misuse = std::pair<std::function<void()>, std::string>;
 void expectAssertions(std::vector<Misuse> const& cases) {
   for (auto const& [action, text] : cases)
-    EXPECT_THAT(Tamlo::Test::assertionText(action), EndsWith(text));
+    EXPECT_THAT(Tamlo::Test::assertionText(action), testing::EndsWith(text));
 }
 
 constexpr char kAlreadyLinked[] = "!( element.*ptrToLinkNode ).isLinked()";

@@ -25,10 +25,8 @@ struct Labelled : Shape, Named {};
 
 namespace {
 
-using Tamlo::Mapping;
 using Tamlo::Mappings;
 using Tamlo::Test::errorOf;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -56,7 +54,7 @@ struct Objects {
 }  // namespace
 
 TEST(MappingsParseTest, WellFormedLinesGiveEveryField) {
-  std::pair<std::string, Mapping> const cases[] = {
+  std::pair<std::string, Tamlo::Mapping> const cases[] = {
       {"00400000-00452000 r-xp 00001000 08:02 173521      /usr/bin/dbus-daemon",
        {0x400000, 0x452000, "r-xp", 0x1000, 8, 2, 173521, "/usr/bin/dbus-daemon"}},
       // Anonymous memory: the kernel leaves a blank after the inode.
@@ -138,9 +136,9 @@ TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePoint
   EXPECT_EQ(typeOf(o.plainNumber),
             fmt::format("{}0x2a at {:#x} is not a vtable pointer: no mapping holds it", notAVtable,
                         at(&o.plainNumber)));
-  EXPECT_THAT(
-      typeOf(o.stackPointer),
-      AllOf(StartsWith(notAVtable), EndsWith("is not a vtable pointer: it points into [stack]")));
+  EXPECT_THAT(typeOf(o.stackPointer),
+              AllOf(StartsWith(notAVtable),
+                    testing::EndsWith("is not a vtable pointer: it points into [stack]")));
   EXPECT_THAT(
       typeOf(o.functionPointer),
       AllOf(StartsWith(notAVtable),
