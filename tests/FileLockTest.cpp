@@ -2,7 +2,6 @@
 #include <Tamlo/FileLock.h>
 
 #include <csignal>
-#include <cstdio>
 #include <memory>
 
 #include "SysTestSupport.h"
@@ -109,15 +108,13 @@ TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
   for (bool const destroy : {false, true}) {
     auto lock = std::make_unique<FileLock>(*handle_, directory_, "svc.lock");
     ASSERT_TRUE(lock->lock(true));
-    auto const run = Tamlo::Test::runInChild([&] {
-      std::fprintf(stderr, "%d\n", ::getpid());
-      destroy ? lock.reset() : lock->release();
-      return 0;
-    });
+    Tamlo::Test::LiveChild child([&] { return destroy ? lock.reset() : lock->release(), 0; },
+                                 false);
+    auto const& run = child.wait();
     EXPECT_EQ(run.signal, SIGABRT);
-    std::string const child = run.err.substr(0, run.err.find('\n'));
     EXPECT_THAT(run.err, HasSubstr("Tamlo::Assert aborting because: "));
-    EXPECT_THAT(run.err, HasSubstr("FileLock::release() called from child process:" + child +
+    EXPECT_THAT(run.err, HasSubstr("FileLock::release() called from child process:" +
+                                   std::to_string(child.pid()) +
                                    " of owner pid:" + std::to_string(::getpid()) + "\n"));
     EXPECT_FALSE(FileLock(*handle_, directory_, "svc.lock").lock(false));  // still the parent's
   }

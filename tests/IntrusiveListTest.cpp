@@ -182,8 +182,6 @@ TEST(IntrusiveBookmarkList, WalksAndFrontSkipBookmarks) {
   Item a(1), b(2), c(3);
   pushAll(registry, {&a, &b, &c});                             // behind both bookmarks
   registry.linkBookmark(middle, std::next(registry.begin()));  // before b
-  EXPECT_EQ(registry.size(), 3u);
-  EXPECT_EQ(registry.front(), &a);
   EXPECT_THAT(values(registry), ElementsAre(1, 2, 3));
   EXPECT_EQ(registry.beginAt(middle)->value_, 2);
   EXPECT_EQ(registry.beginAt(first)->value_, 1) << "skips the bookmark behind it";

@@ -16,14 +16,11 @@ namespace {
 
 using Tamlo::Test::errorOf;
 
-ino_t inodeOf(std::string const& path) {
+// The calling thread's network namespace by default.
+ino_t inodeOf(std::string const& path = "/proc/thread-self/ns/net") {
   struct stat status = {};
   ::stat(path.c_str(), &status);
   return status.st_ino;
-}
-
-ino_t threadNamespace() {
-  return inodeOf("/proc/thread-self/ns/net");
 }
 
 std::string const prefix = "tamlo-test-" + std::to_string(::getpid());
@@ -41,7 +38,7 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(0), -1);
 
   Tamlo::Impl::UniqueFd const directory(::open("/", O_RDONLY | O_CLOEXEC));
-  ino_t const home = threadNamespace();
+  ino_t const home = inodeOf();
   std::string const absent = "/run/netns/" + prefix + "-absent";
   std::pair<std::function<void()>, std::string> const cases[] = {
       {[&] { Tamlo::connectAbstract(prefix + "-none"); },
@@ -63,7 +60,7 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   };
   for (auto const& [call, message] : cases) {
     EXPECT_EQ(errorOf(call), "Tamlo::" + message);
-    EXPECT_EQ(threadNamespace(), home) << message;
+    EXPECT_EQ(inodeOf(), home) << message;
   }
 }
 
@@ -92,16 +89,16 @@ class NetNsTest : public testing::Test {
 };
 
 TEST_F(NetNsTest, SocketsMadeInsideStayThereAndTheThreadAlwaysReturns) {
-  ino_t const home = threadNamespace();
+  ino_t const home = inodeOf();
   Tamlo::Impl::UniqueFd const server(
       Tamlo::inNetNs(name_, [&] { return Tamlo::listenAbstract(name_); }));
-  EXPECT_EQ(threadNamespace(), home);
+  EXPECT_EQ(inodeOf(), home);
   EXPECT_THAT(errorOf([&] { Tamlo::connectAbstract(name_); }), testing::EndsWith("refused"));
   Tamlo::Impl::UniqueFd const client(
       Tamlo::inNetNs(name_, [&] { return Tamlo::connectAbstract(name_); }));
   EXPECT_EQ(errorOf([&] { Tamlo::inNetNs(name_, [] { return Tamlo::connectAbstract("x"); }); }),
             "Tamlo::RuntimeException: connect @x: Connection refused");
-  EXPECT_EQ(threadNamespace(), home);
+  EXPECT_EQ(inodeOf(), home);
 
   Tamlo::Impl::UniqueFd const inet(Tamlo::socketInNetNs(name_, AF_INET, SOCK_DGRAM));
   Tamlo::Impl::UniqueFd const socketNamespace(::ioctl(inet.get(), SIOCGSKNS));
@@ -110,9 +107,9 @@ TEST_F(NetNsTest, SocketsMadeInsideStayThereAndTheThreadAlwaysReturns) {
 
   std::thread([&] {
     EXPECT_EQ(errorOf([&] { Tamlo::setnsByName(name_); }), "(none)");
-    EXPECT_EQ(threadNamespace(), inodeOf(path_));
+    EXPECT_EQ(inodeOf(), inodeOf(path_));
     EXPECT_EQ(errorOf([] { Tamlo::setnsByName(Tamlo::DEFAULT_NS); }), "(none)");
-    EXPECT_EQ(threadNamespace(), inodeOf("/proc/self/ns/net"));
+    EXPECT_EQ(inodeOf(), inodeOf("/proc/self/ns/net"));
   }).join();
 }
 
