@@ -1,23 +1,14 @@
 // The rendering of the tracked backtraces: a heading, then per entry a line
 // with its sequence number, time, thread and message and its frames indented.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <regex>
 #include <sstream>
-#include <string>
 #include <thread>
 
-#include <fmt/format.h>
-
 #include <Tamlo/Backtrace.h>
-#include <Tamlo/Exception.h>
 #include <Tamlo/Thread.h>
 
-#include "TestSupport.h"
-
-namespace {
+#include "SysTestSupport.h"
 
 using Tamlo::BacktraceTracker;
 
@@ -25,8 +16,6 @@ class RenderTest : public ::testing::Test {
  protected:
   void TearDown() override { BacktraceTracker::capacityIs(BacktraceTracker::defaultCapacity); }
 };
-
-}  // namespace
 
 TEST_F(RenderTest, ShowsKeptEntriesOldestFirstWithTheirFramesIndented) {
   auto const before = std::chrono::system_clock::now();
@@ -60,7 +49,6 @@ TEST_F(RenderTest, ShowsKeptEntriesOldestFirstWithTheirFramesIndented) {
   }
   EXPECT_EQ(entries[0].threadId, otherThread);
   EXPECT_EQ(entries[2].threadId, Tamlo::gettid());
-  EXPECT_EQ(entries[1].backtrace.frameCount(), 0u);
 
   std::string const text = BacktraceTracker::renderString();
   std::regex const time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})");

@@ -1,15 +1,4 @@
 #include <Tamlo/DirNode.h>
-#include <Tamlo/Util.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <string>
-
-#include <fmt/format.h>
 
 #include "SysTestSupport.h"
 
@@ -17,7 +6,6 @@ namespace {
 
 using Tamlo::DirEntry;
 using Tamlo::DirNode;
-using Tamlo::Test::errorOf;
 namespace fs = std::filesystem;
 
 // Each entry as "relative-path:type:depth ", then each error as "| path: text ".
@@ -47,25 +35,18 @@ class DirNodeTest : public testing::Test {
 };
 
 TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinks) {
-  struct Case {
-    bool recursive;
-    bool follow;
-    bool skipSub;
-    std::string walk;
-  } const cases[] = {
-      {false, false, false,
-       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:symlink:0 loop:symlink:0 "
-       "sub:directory:0 "},
-      {true, false, true,
-       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:symlink:0 loop:symlink:0 "},
-      {true, false, false,
-       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:symlink:0 loop:symlink:0 "
-       "sub:directory:0 sub/deep.txt:file:1 sub/inner:directory:1 "},
+  std::string const top = "a.txt:file:0 dangling:symlink:0 fifo:other:0 ";
+  std::string const links = top + "link:symlink:0 loop:symlink:0 ";
+  std::string const sub = "sub:directory:0 sub/deep.txt:file:1 sub/inner:directory:1 ";
+  std::tuple<bool, bool, bool, std::string> const cases[] = {
+      // recursive, follow symlinks, filter "sub" out
+      {false, false, false, links + "sub:directory:0 "},
+      {true, false, true, links},
+      {true, false, false, links + sub},
       {true, true, false,
-       "a.txt:file:0 dangling:symlink:0 fifo:other:0 link:directory:0 link/deep.txt:file:1 "
-       "link/inner:directory:1 loop:directory:0 sub:directory:0 sub/deep.txt:file:1 "
-       "sub/inner:directory:1 | dangling: No such file or directory "
-       "| loop: Too many levels of symbolic links "},
+       top + "link:directory:0 link/deep.txt:file:1 link/inner:directory:1 loop:directory:0 " +
+           sub +
+           "| dangling: No such file or directory | loop: Too many levels of symbolic links "},
   };
   for (auto const& [recursive, follow, skipSub, walk] : cases) {
     DirNode walker(scratch_.path());
@@ -96,13 +77,10 @@ TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
 }
 
 TEST_F(DirNodeTest, UnreadableRootThrows) {
-  std::pair<std::string, std::string> const cases[] = {
-      {scratch_ / "none", ": No such file or directory"},
-      {scratch_ / "a.txt", ": Not a directory"},
-  };
-  for (auto const& [root, error] : cases)
-    EXPECT_EQ(errorOf([&] { DirNode(root).entries(); }),
-              "Tamlo::RuntimeException: opendir " + root + error);
+  for (std::string const error : {"none: No such file or directory", "a.txt: Not a directory"})
+    EXPECT_EQ(Tamlo::Test::errorOf(
+                  [&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
+              "Tamlo::RuntimeException: opendir " + scratch_ / error);
 }
 
 }  // namespace

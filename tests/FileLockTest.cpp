@@ -1,29 +1,15 @@
 #include <Tamlo/Debug.h>
 #include <Tamlo/FileLock.h>
-#include <Tamlo/Util.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
-#include <filesystem>
 #include <memory>
-#include <string>
 
 #include "SysTestSupport.h"
 
 namespace {
 
 using Tamlo::FileLock;
-using Tamlo::Test::assertionText;
 using Tamlo::Test::openDescriptorCount;
-using testing::EndsWith;
 using testing::HasSubstr;
 
 class FileLockTest : public testing::Test {
@@ -57,16 +43,13 @@ TEST_F(FileLockTest, LockConflictsReentersAndReleasesWithItsTraces) {
   ::umask(oldMask);
   EXPECT_TRUE(locked);
   EXPECT_THAT(lockTrace, HasSubstr("acquired lock on file:" + file_ + "\n"));
-  struct stat status;
-  ASSERT_EQ(::stat(file_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0666u);
+  EXPECT_EQ(std::filesystem::status(file_).permissions(), std::filesystem::perms(0666));
   EXPECT_EQ(Tamlo::Util::readLockPid(file_), ::getpid());
   int closeOnExec = 0;  // programs this process runs inherit no lock
-  for (auto const& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code error;
+  std::error_code error;
+  for (auto const& fd : std::filesystem::directory_iterator("/proc/self/fd"))
     if (std::filesystem::read_symlink(fd.path(), error) == file_)
       closeOnExec += ::fcntl(std::stoi(fd.path().filename()), F_GETFD) == FD_CLOEXEC ? 1 : 100;
-  }
   EXPECT_EQ(closeOnExec, 1);
 
   int const descriptors = openDescriptorCount();
@@ -118,22 +101,20 @@ TEST_F(FileLockTest, MisuseIsAnAssertionFailure) {
        "unexpected mkpath() error " + scratch_ / "plain/sub" + ": Not a directory"},
   };
   for (auto const& [misuse, message] : cases)
-    EXPECT_THAT(assertionText(misuse), EndsWith(message));
+    EXPECT_THAT(Tamlo::Test::assertionText(misuse), testing::EndsWith(message));
 }
 
 TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
   for (bool const destroy : {false, true}) {
     auto lock = std::make_unique<FileLock>(*handle_, directory_, "svc.lock");
     ASSERT_TRUE(lock->lock(true));
-    auto const run = Tamlo::Test::runInChild([&] {
-      std::fprintf(stderr, "%d\n", ::getpid());
-      destroy ? lock.reset() : lock->release();
-      return 0;
-    });
+    Tamlo::Test::LiveChild child([&] { return destroy ? lock.reset() : lock->release(), 0; },
+                                 false);
+    auto const& run = child.wait();
     EXPECT_EQ(run.signal, SIGABRT);
-    std::string const child = run.err.substr(0, run.err.find('\n'));
     EXPECT_THAT(run.err, HasSubstr("Tamlo::Assert aborting because: "));
-    EXPECT_THAT(run.err, HasSubstr("FileLock::release() called from child process:" + child +
+    EXPECT_THAT(run.err, HasSubstr("FileLock::release() called from child process:" +
+                                   std::to_string(child.pid()) +
                                    " of owner pid:" + std::to_string(::getpid()) + "\n"));
     EXPECT_FALSE(FileLock(*handle_, directory_, "svc.lock").lock(false));  // still the parent's
   }
@@ -142,26 +123,13 @@ TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
 // A server that dies holding its lock (killed, so no destructor runs) frees
 // it with its open file: the next start takes it.
 TEST_F(FileLockTest, ALockHeldByAProcessThatDiesIsFreedWithIt) {
-  int ready[2];
-  ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-  pid_t const holder = ::fork();
-  if (holder == 0) {
-    FileLock lock(*handle_, directory_, "svc.lock");
-    char const locked = lock.lock(false) ? 'y' : 'n';
-    (void)!::write(ready[1], &locked, 1);
-    ::pause();
-    ::_exit(0);
-  }
-  ::close(ready[1]);
-  char locked = 0;
-  ASSERT_EQ(::read(ready[0], &locked, 1), 1);
-  ::close(ready[0]);
-  EXPECT_EQ(locked, 'y');
+  Tamlo::Test::LiveChild holder(
+      [&] { (new FileLock(*handle_, directory_, "svc.lock"))->lock(false); });
+  EXPECT_EQ(Tamlo::Util::readLockPid(file_), holder.pid());
   FileLock lock(*handle_, directory_, "svc.lock");
   EXPECT_FALSE(traced([&] { return lock.lock(false); }).first);
-  ::kill(holder, SIGKILL);
-  int status = 0;
-  ASSERT_EQ(::waitpid(holder, &status, 0), holder);
+  ::kill(holder.pid(), SIGKILL);
+  EXPECT_EQ(holder.wait().signal, SIGKILL);
   EXPECT_TRUE(lock.lock(false));
 }
 

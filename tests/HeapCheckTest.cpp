@@ -2,39 +2,29 @@
 // HEAPCHECK is set. The child leaks one block of 4242 bytes on purpose; it
 // runs with the leak checker blind to static storage (use_globals=0), which
 // would otherwise hide the library's singletons as reachable.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
 #include <vector>
 
 #include <Tamlo/HeapCheck.h>
 
-#include "TestSupport.h"
-
-using ::testing::HasSubstr;
+#include "SysTestSupport.h"
 
 TEST(HeapCheckTest, ProcessLifetimeObjectsLeaveOnlyRealLeaksReported) {
   if (!Tamlo::HeapCheck::leakCheckerPresent())
     GTEST_SKIP() << "built without LeakSanitizer (configure with -DTAMLO_SANITIZE=ON)";
-  struct Case {
-    std::vector<std::string> env;
-    bool libraryObjectsReported;
-  };
-  std::vector<Case> const cases = {
+  std::pair<std::vector<std::string>, bool> const cases[] = {
+      // environment, whether the library's objects are reported
       {{}, true},
       {{"HEAPCHECK="}, true},
       {{"HEAPCHECK=normal"}, false},
       // Accepted and ignored.
       {{"HEAPCHECK=normal", "HEAP_CHECK_TRACE_PYTHON_ARENAS=1"}, false},
   };
-  for (Case const& row : cases) {
-    SCOPED_TRACE(testing::PrintToString(row.env));
-    std::vector<std::string> env = row.env;
+  for (auto [env, libraryObjectsReported] : cases) {
+    SCOPED_TRACE(testing::PrintToString(env));
     env.insert(env.end(), {"ASAN_OPTIONS=detect_leaks=1", "LSAN_OPTIONS=use_globals=0"});
     auto const result = Tamlo::Test::runHelper("DiagHelper", {"leak"}, env,
                                                {"HEAPCHECK", "HEAP_CHECK_TRACE_PYTHON_ARENAS"});
-    EXPECT_THAT(result.err, HasSubstr("Direct leak of 4242 byte(s) in 1 object(s)"));
-    EXPECT_EQ(result.err.find("libTamlo.so") != std::string::npos, row.libraryObjectsReported);
+    EXPECT_THAT(result.err, testing::HasSubstr("Direct leak of 4242 byte(s) in 1 object(s)"));
+    EXPECT_EQ(result.err.find("libTamlo.so") != std::string::npos, libraryObjectsReported);
   }
 }

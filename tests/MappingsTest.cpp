@@ -1,18 +1,5 @@
-// Memory mappings from /proc/<pid>/maps and the type names of objects in
-// another process: the parser on good and malformed text, lookups, and the
-// readers against a child holding objects of known types.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <map>
-#include <optional>
 #include <stdexcept>
-#include <string>
 
-#include <fmt/format.h>
-
-#include <Tamlo/Exception.h>
 #include <Tamlo/Mappings.h>
 #include <Tamlo/RemoteTypeName.h>
 
@@ -38,58 +25,36 @@ struct Labelled : Shape, Named {};
 
 namespace {
 
-using Tamlo::Mapping;
 using Tamlo::Mappings;
-using ::testing::EndsWith;
+using Tamlo::Test::errorOf;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
-// The message of the exception of type E that `body` throws.
-template <typename E, typename Body>
-std::string thrownMessage(Body&& body) {
-  try {
-    body();
-  } catch (E const& e) {
-    return e.message();
-  } catch (Tamlo::Exception const& e) {
-    return std::string("wrong class: ") + e.name() + ": " + e.message();
-  }
-  return "(nothing thrown)";
+uintptr_t at(void const* object) {
+  return reinterpret_cast<uintptr_t>(object);
 }
 
-// Anything but a vtable pointer in the first word.
-struct Words {
-  uintptr_t first;
+// Objects of known types, made before a fork so that the child holds them at
+// the same addresses, and words that are no vtable pointers.
+struct Objects {
+  diag::Circle circle;
+  diag::Box<int> box;
+  diag::Labelled labelled;
+  Tamlo::RuntimeException libraryException{"made in the test"};
+  std::runtime_error standardException{"made in the test"};
+  uintptr_t plainNumber = 42, stackPointer = at(__builtin_frame_address(0)),
+            functionPointer = reinterpret_cast<uintptr_t>(&at);
 };
 
-// Objects of known types, made before a fork so that the child holds them at
-// the same addresses.
-[[gnu::noinline]] std::map<std::string, uintptr_t> const& objects() {
-  static diag::Circle const circle;
-  static diag::Box<int> const box;
-  static diag::Labelled const labelled;
-  static Tamlo::RuntimeException const libraryException("made in the test");
-  static std::runtime_error const standardException("made in the test");
-  int const onTheStack = 0;
-  static Words const plainNumber{42}, stackPointer{reinterpret_cast<uintptr_t>(&onTheStack)},
-      functionPointer{reinterpret_cast<uintptr_t>(&objects)};
-  auto at = [](void const* object) { return reinterpret_cast<uintptr_t>(object); };
-  static std::map<std::string, uintptr_t> const made = {
-      {"circle", at(&circle)},
-      {"box", at(&box)},
-      {"labelledAsNamed", at(static_cast<diag::Named const*>(&labelled))},
-      {"libraryException", at(&libraryException)},
-      {"standardException", at(&standardException)},
-      {"plainNumber", at(&plainNumber)},
-      {"stackPointer", at(&stackPointer)},
-      {"functionPointer", at(&functionPointer)},
-  };
+[[gnu::noinline]] Objects const& objects() {
+  static Objects const made{};
   return made;
 }
 
 }  // namespace
 
 TEST(MappingsParseTest, WellFormedLinesGiveEveryField) {
-  std::pair<std::string, Mapping> const cases[] = {
+  std::pair<std::string, Tamlo::Mapping> const cases[] = {
       {"00400000-00452000 r-xp 00001000 08:02 173521      /usr/bin/dbus-daemon",
        {0x400000, 0x452000, "r-xp", 0x1000, 8, 2, 173521, "/usr/bin/dbus-daemon"}},
       // Anonymous memory: the kernel leaves a blank after the inode.
@@ -126,12 +91,12 @@ TEST(MappingsParseTest, MalformedLinesAreNamedWithTheirProblem) {
       {std::string(100, 'q'), "bad address range: \"" + std::string(80, 'q') + "...\""},
   };
   for (auto const& [text, message] : cases)
-    EXPECT_THAT(thrownMessage<Tamlo::CorruptionDetectedException>([&] { Mappings::parse(text); }),
-                HasSubstr(message))
+    EXPECT_THAT(errorOf([&] { Mappings::parse(text); }),
+                AllOf(StartsWith("Tamlo::CorruptionDetectedException: maps text: line "),
+                      HasSubstr(message)))
         << text;
-  EXPECT_EQ(thrownMessage<Tamlo::CorruptionDetectedException>(
-                [] { Mappings::parse("x", "/proc/7/maps"); }),
-            "/proc/7/maps: line 1: bad address range: \"x\"");
+  EXPECT_EQ(errorOf([] { Mappings::parse("x", "/proc/7/maps"); }),
+            "Tamlo::CorruptionDetectedException: /proc/7/maps: line 1: bad address range: \"x\"");
 }
 
 TEST(MappingsFindTest, FindsTheMappingHoldingAnAddress) {
@@ -147,58 +112,52 @@ TEST(MappingsFindTest, FindsTheMappingHoldingAnAddress) {
   EXPECT_EQ(Mappings::ofSelf().find(reinterpret_cast<uintptr_t>(&onTheStack))->path, "[stack]");
 }
 
-TEST(RemoteTypeNameTest, NamesObjectsOfAChildProcess) {
-  auto const& object = objects();
-  Tamlo::Test::LiveChild const child([] {});
-  Mappings const mappings = Mappings::ofProcess(child.pid());
-  std::pair<char const*, char const*> const cases[] = {
-      // In the executable's full symbol table, placed by its load bias.
-      {"circle", "diag::Circle"},
-      {"box", "diag::Box<int>"},
-      {"labelledAsNamed", "diag::Labelled"},
-      // In the dynamic symbol tables of shared objects.
-      {"libraryException", "Tamlo::RuntimeException"},
-      {"standardException", "std::runtime_error"},
-  };
-  for (auto const& [label, typeName] : cases)
-    EXPECT_EQ(Tamlo::remoteTypeName(child.pid(), object.at(label), mappings), typeName) << label;
-}
-
-TEST(RemoteTypeNameTest, WordsThatAreNoVtablePointersAreReported) {
-  auto const& object = objects();
+TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePointers) {
+  Objects const& o = objects();
   auto child = std::make_optional<Tamlo::Test::LiveChild>([] {});
   pid_t const pid = child->pid();
-  auto notAVtable = [&](char const* label) {
-    return thrownMessage<Tamlo::RuntimeException>(
-        [&] { Tamlo::remoteTypeName(pid, object.at(label)); });
-  };
-  EXPECT_EQ(
-      notAVtable("plainNumber"),
-      fmt::format("pid {}: the word 0x2a at {:#x} is not a vtable pointer: no mapping holds it",
-                  pid, object.at("plainNumber")));
-  // Counted after the first exception, whose backtrace opens the unwinder's
-  // lasting descriptors.
-  int descriptors = Tamlo::Test::openDescriptorCount();
-  EXPECT_THAT(notAVtable("stackPointer"),
-              EndsWith("is not a vtable pointer: it points into [stack]"));
-  EXPECT_THAT(notAVtable("functionPointer"),
-              HasSubstr(fmt::format("is not a vtable pointer: no vtable symbol of {} covers",
-                                    std::filesystem::read_symlink("/proc/self/exe").string())));
-  EXPECT_EQ(thrownMessage<Tamlo::OutOfRangeException>([&] { Tamlo::remoteTypeName(pid, 8); }),
-            fmt::format("pid {}: cannot read the word at 0x8: Bad address", pid));
-
   Mappings const mappings = Mappings::ofProcess(pid);
+  std::pair<void const*, char const*> const cases[] = {
+      // In the executable's full symbol table, placed by its load bias.
+      {&o.circle, "diag::Circle"},
+      {&o.box, "diag::Box<int>"},
+      {static_cast<diag::Named const*>(&o.labelled), "diag::Labelled"},
+      // In the dynamic symbol tables of shared objects.
+      {&o.libraryException, "Tamlo::RuntimeException"},
+      {&o.standardException, "std::runtime_error"},
+  };
+  for (auto const& [object, typeName] : cases)
+    EXPECT_EQ(Tamlo::remoteTypeName(pid, at(object), mappings), typeName) << typeName;
+
+  auto typeOf = [&](uintptr_t const& word) {
+    return errorOf([&] { Tamlo::remoteTypeName(pid, at(&word)); });
+  };
+  std::string const notAVtable = fmt::format("Tamlo::RuntimeException: pid {}: the word ", pid);
+  EXPECT_EQ(typeOf(o.plainNumber),
+            fmt::format("{}0x2a at {:#x} is not a vtable pointer: no mapping holds it", notAVtable,
+                        at(&o.plainNumber)));
+  EXPECT_THAT(typeOf(o.stackPointer),
+              AllOf(StartsWith(notAVtable),
+                    testing::EndsWith("is not a vtable pointer: it points into [stack]")));
+  EXPECT_THAT(
+      typeOf(o.functionPointer),
+      AllOf(StartsWith(notAVtable),
+            HasSubstr(fmt::format("is not a vtable pointer: no vtable symbol of {} covers",
+                                  std::filesystem::read_symlink("/proc/self/exe").string()))));
+  EXPECT_EQ(
+      errorOf([&] { Tamlo::remoteTypeName(pid, 8); }),
+      fmt::format("Tamlo::OutOfRangeException: pid {}: cannot read the word at 0x8: Bad address",
+                  pid));
+
   child.reset();
-  --descriptors;  // the child's pipe
-  EXPECT_EQ(thrownMessage<Tamlo::RuntimeException>(
-                [&] { Tamlo::remoteTypeName(pid, object.at("circle"), mappings); }),
-            fmt::format("pid {}: cannot read the word at {:#x}: No such process", pid,
-                        object.at("circle")));
+  EXPECT_EQ(
+      errorOf([&] { Tamlo::remoteTypeName(pid, at(&o.circle), mappings); }),
+      fmt::format("Tamlo::RuntimeException: pid {}: cannot read the word at {:#x}: No such process",
+                  pid, at(&o.circle)));
   std::string const gone = fmt::format(
-      "cannot read the mappings of pid {0}: /proc/{0}/maps: No such file or directory", pid);
-  EXPECT_EQ(thrownMessage<Tamlo::RuntimeException>([&] { Mappings::ofProcess(pid); }), gone);
-  EXPECT_EQ(thrownMessage<Tamlo::RuntimeException>(
-                [&] { Tamlo::remoteTypeName(pid, object.at("circle")); }),
-            gone);
-  EXPECT_EQ(Tamlo::Test::openDescriptorCount(), descriptors);
+      "Tamlo::RuntimeException: cannot read the mappings of pid {0}: /proc/{0}/maps: No such file "
+      "or directory",
+      pid);
+  EXPECT_EQ(errorOf([&] { Mappings::ofProcess(pid); }), gone);
+  EXPECT_EQ(errorOf([&] { Tamlo::remoteTypeName(pid, at(&o.circle)); }), gone);
 }

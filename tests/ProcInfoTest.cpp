@@ -1,14 +1,8 @@
 #include <Tamlo/ProcInfo.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <sys/prctl.h>
 
 #include <ctime>
-#include <functional>
-#include <optional>
-#include <string>
 #include <vector>
 
 #include "SysTestSupport.h"
@@ -19,39 +13,32 @@ namespace ProcInfo = Tamlo::ProcInfo;
 using Tamlo::Test::errorOf;
 using namespace std::string_literals;
 
+template <typename Result>
+void expectParses(Result (*parse)(std::string_view),
+                  std::vector<std::pair<std::string, Result>> const& cases) {
+  for (auto const& [text, expected] : cases)
+    EXPECT_EQ(parse(text), expected) << text;
+}
+
 TEST(ProcInfoTest, ParsersAcceptAnyTextAndFindTheirField) {
   std::string const stat = "42 (a) b (c) S" + std::string(18, ' ') +
                            " 1 2 3 4 5 6 7 8 9 10 11 12 " + "13 14 15 16 17 18 777 19 20\n";
-  std::pair<std::string, std::optional<uint64_t>> const ticks[] = {
-      {stat, 777},
-      {"1 (x) S 1 2", std::nullopt},
-      {"no parenthesis", std::nullopt},
-      {"1 (x) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 -5 1", std::nullopt}};
-  for (auto const& [text, expected] : ticks)
-    EXPECT_EQ(ProcInfo::parseStartTicks(text), expected) << text;
-
-  std::pair<std::string, std::optional<uint64_t>> const boots[] = {
-      {"cpu 1 2\nbtime 1700000000\nprocesses 5\n", 1700000000},
-      {"xbtime 5\n", std::nullopt},
-      {"btime x\n", std::nullopt},
-      {"", std::nullopt}};
-  for (auto const& [text, expected] : boots)
-    EXPECT_EQ(ProcInfo::parseBootTime(text), expected) << text;
-
-  std::pair<std::string, std::vector<std::string>> const commandLines[] = {
-      {"a\0b\0"s, {"a", "b"}}, {"a\0\0b"s, {"a", "", "b"}}, {"", {}}, {"x", {"x"}}};
-  for (auto const& [text, expected] : commandLines)
-    EXPECT_EQ(ProcInfo::splitCommandLine(text), expected);
-
-  std::pair<std::string, std::optional<ino_t>> const links[] = {{"socket:[123]", 123},
-                                                                {"pipe:[1]", std::nullopt},
-                                                                {"socket:[]", std::nullopt},
-                                                                {"socket:[12x]", std::nullopt}};
-  for (auto const& [text, expected] : links)
-    EXPECT_EQ(ProcInfo::parseSocketInode(text), expected) << text;
-
-  EXPECT_EQ(ProcInfo::parseTitle("a b\n"), "a b");
-  EXPECT_EQ(ProcInfo::parseTitle("a\n\n"), "a\n");
+  auto const none = std::nullopt;
+  expectParses(ProcInfo::parseStartTicks,
+               {{stat, 777},
+                {"1 (x) S 1 2", none},
+                {"no parenthesis", none},
+                {"1 (x) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 -5 1", none}});
+  expectParses(ProcInfo::parseBootTime, {{"cpu 1 2\nbtime 1700000000\nprocesses 5\n", 1700000000},
+                                         {"xbtime 5\n", none},
+                                         {"btime x\n", none},
+                                         {"", none}});
+  expectParses(ProcInfo::splitCommandLine,
+               {{"a\0b\0"s, {"a", "b"}}, {"a\0\0b"s, {"a", "", "b"}}, {"", {}}, {"x", {"x"}}});
+  expectParses(
+      ProcInfo::parseSocketInode,
+      {{"socket:[123]", 123}, {"pipe:[1]", none}, {"socket:[]", none}, {"socket:[12x]", none}});
+  expectParses(ProcInfo::parseTitle, {{"a b\n", "a b"}, {"a\n\n", "a\n"}});
 }
 
 TEST(ProcInfoTest, ReadersDescribeALiveProcessAndRefuseAGoneOne) {

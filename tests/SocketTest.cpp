@@ -1,23 +1,14 @@
+#include <Tamlo/Errno.h>
 #include <Tamlo/ProcInfo.h>
 #include <Tamlo/Socket.h>
-#include <Tamlo/Util.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <linux/sockios.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <cerrno>
-#include <functional>
-#include <string>
 #include <thread>
-
-#include <Tamlo/Errno.h>
 
 #include "SysTestSupport.h"
 
@@ -25,14 +16,11 @@ namespace {
 
 using Tamlo::Test::errorOf;
 
-ino_t inodeOf(std::string const& path) {
+// The calling thread's network namespace by default.
+ino_t inodeOf(std::string const& path = "/proc/thread-self/ns/net") {
   struct stat status = {};
   ::stat(path.c_str(), &status);
   return status.st_ino;
-}
-
-ino_t threadNamespace() {
-  return inodeOf("/proc/thread-self/ns/net");
 }
 
 std::string const prefix = "tamlo-test-" + std::to_string(::getpid());
@@ -50,7 +38,7 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(0), -1);
 
   Tamlo::Impl::UniqueFd const directory(::open("/", O_RDONLY | O_CLOEXEC));
-  ino_t const home = threadNamespace();
+  ino_t const home = inodeOf();
   std::string const absent = "/run/netns/" + prefix + "-absent";
   std::pair<std::function<void()>, std::string> const cases[] = {
       {[&] { Tamlo::connectAbstract(prefix + "-none"); },
@@ -72,7 +60,7 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   };
   for (auto const& [call, message] : cases) {
     EXPECT_EQ(errorOf(call), "Tamlo::" + message);
-    EXPECT_EQ(threadNamespace(), home) << message;
+    EXPECT_EQ(inodeOf(), home) << message;
   }
 }
 
@@ -101,29 +89,27 @@ class NetNsTest : public testing::Test {
 };
 
 TEST_F(NetNsTest, SocketsMadeInsideStayThereAndTheThreadAlwaysReturns) {
-  ino_t const home = threadNamespace();
+  ino_t const home = inodeOf();
   Tamlo::Impl::UniqueFd const server(
       Tamlo::inNetNs(name_, [&] { return Tamlo::listenAbstract(name_); }));
-  EXPECT_EQ(threadNamespace(), home);
+  EXPECT_EQ(inodeOf(), home);
   EXPECT_THAT(errorOf([&] { Tamlo::connectAbstract(name_); }), testing::EndsWith("refused"));
   Tamlo::Impl::UniqueFd const client(
       Tamlo::inNetNs(name_, [&] { return Tamlo::connectAbstract(name_); }));
   EXPECT_EQ(errorOf([&] { Tamlo::inNetNs(name_, [] { return Tamlo::connectAbstract("x"); }); }),
             "Tamlo::RuntimeException: connect @x: Connection refused");
-  EXPECT_EQ(threadNamespace(), home);
+  EXPECT_EQ(inodeOf(), home);
 
   Tamlo::Impl::UniqueFd const inet(Tamlo::socketInNetNs(name_, AF_INET, SOCK_DGRAM));
   Tamlo::Impl::UniqueFd const socketNamespace(::ioctl(inet.get(), SIOCGSKNS));
-  struct stat status;
-  ASSERT_EQ(::fstat(socketNamespace.get(), &status), 0);
-  EXPECT_EQ(status.st_ino, inodeOf(path_));
+  EXPECT_EQ(inodeOf("/proc/self/fd/" + std::to_string(socketNamespace.get())), inodeOf(path_));
   EXPECT_EQ(::fcntl(inet.get(), F_GETFD), FD_CLOEXEC);
 
   std::thread([&] {
     EXPECT_EQ(errorOf([&] { Tamlo::setnsByName(name_); }), "(none)");
-    EXPECT_EQ(threadNamespace(), inodeOf(path_));
+    EXPECT_EQ(inodeOf(), inodeOf(path_));
     EXPECT_EQ(errorOf([] { Tamlo::setnsByName(Tamlo::DEFAULT_NS); }), "(none)");
-    EXPECT_EQ(threadNamespace(), inodeOf("/proc/self/ns/net"));
+    EXPECT_EQ(inodeOf(), inodeOf("/proc/self/ns/net"));
   }).join();
 }
 

@@ -4,17 +4,24 @@
 // the user nobody).
 #pragma once
 
+#include <fcntl.h>
 #include <grp.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <Tamlo/Exception.h>
+#include <Tamlo/Util.h>
 
 #include "TestSupport.h"
 
@@ -61,59 +68,57 @@ inline std::string errorOf(std::function<void()> const& body) {
   return error;
 }
 
-// `body` run in a forked child (as the user nobody when `asNobody`): its exit
-// code or signal and its standard error.
-inline ChildResult runInChild(std::function<int()> const& body, bool asNobody = false) {
-  int errors[2];
-  EXPECT_EQ(::pipe(errors), 0);
-  pid_t const child = ::fork();
-  if (child == 0) {
-    ::dup2(errors[1], 2);
-    if (asNobody && (::setgroups(0, nullptr) != 0 || ::setgid(65534) || ::setuid(65534)))
-      ::_exit(126);
-    ::_exit(body());
-  }
-  ::close(errors[1]);
-  ChildResult result;
-  char buffer[4096];
-  for (ssize_t n; (n = ::read(errors[0], buffer, sizeof buffer)) > 0;)
-    result.err.append(buffer, static_cast<size_t>(n));
-  ::close(errors[0]);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-  return result;
-}
-
-// A forked child that runs `setUp` and then lives until this object dies.
+// A forked child that runs `body` (as the user nobody when `asNobody`) with
+// its standard error on a pipe, then closes that to tell it is done and lives
+// on until wait() or the end of this object.
 class LiveChild {
  public:
-  explicit LiveChild(std::function<void()> const& setUp) {
-    int ready[2], done[2];
-    EXPECT_TRUE(::pipe(ready) == 0 && ::pipe(done) == 0);
+  explicit LiveChild(std::function<void()> const& setUp)
+      : LiveChild([&] { return setUp(), 0; }, false) {}
+  LiveChild(std::function<int()> const& body, bool asNobody) {
+    int errors[2], done[2];
+    EXPECT_TRUE(::pipe(errors) == 0 && ::pipe(done) == 0);
     pid_ = ::fork();
     if (pid_ == 0) {
-      ::close(done[1]);
-      setUp();
-      char byte = 'x';
-      ::_exit(::write(ready[1], &byte, 1) != 1 || ::read(done[0], &byte, 1) != 0);
+      ::dup2(errors[1], 2);
+      if (asNobody && (::setgroups(0, nullptr) != 0 || ::setgid(65534) || ::setuid(65534)))
+        ::_exit(126);
+      int const code = body();
+      for (int fd : {2, errors[1], done[1]})
+        ::close(fd);
+      char byte;
+      ::_exit(::read(done[0], &byte, 1) == 0 ? code : 125);
     }
-    char byte;
-    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
-    for (int fd : {ready[0], ready[1], done[0]})
+    for (int fd : {errors[1], done[0]})
       ::close(fd);
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(errors[0], buffer, sizeof buffer)) > 0;)
+      result_.err.append(buffer, static_cast<size_t>(n));
+    ::close(errors[0]);
     done_ = done[1];
   }
-  ~LiveChild() {
-    ::close(done_);
-    ::waitpid(pid_, nullptr, 0);
-  }
+  ~LiveChild() { wait(); }
   pid_t pid() const { return pid_; }
+  // Lets the child exit: its exit code or signal and its standard error.
+  ChildResult const& wait() {
+    if (done_ >= 0) {
+      ::close(std::exchange(done_, -1));
+      int status = 0;
+      ::waitpid(pid_, &status, 0);
+      result_.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      result_.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    }
+    return result_;
+  }
 
  private:
   pid_t pid_;
   int done_;
+  ChildResult result_;
 };
+
+inline ChildResult runInChild(std::function<int()> const& body, bool asNobody = false) {
+  return LiveChild(body, asNobody).wait();
+}
 
 }  // namespace Tamlo::Test

@@ -1,16 +1,19 @@
-// Child processes for the diagnostics tests. Usage: DiagHelper leak: uses the
-// library's process-lifetime objects and leaks 4242 bytes.
+// Child processes for the tests of the system utilities and diagnostics:
+//   DiagHelper leak       uses the library's process-lifetime objects and
+//                         leaks 4242 bytes
+//   DiagHelper counters   uses Tamlo::Counters; run without the counters
+//                         plugin on the library path
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include <Tamlo/Counters.h>
 #include <Tamlo/Debug.h>
 #include <Tamlo/Exception.h>
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/Loco.h>
 #include <Tamlo/Random.h>
-
-namespace {
 
 void* volatile leaked = nullptr;
 
@@ -19,7 +22,18 @@ void* volatile leaked = nullptr;
   leaked = nullptr;
 }
 
-int leak() {
+int main(int argc, char** argv) {
+  std::string const mode = argc == 2 ? argv[1] : "";
+  if (mode == "counters") {
+    Tamlo::Counters counters("serverStats");
+    uint64_t requests = 7;
+    counters.counter("requests", &requests);
+    std::printf("plugin %s\nrequests %llu\n", counters.plugin() ? "loaded" : "null",
+                static_cast<unsigned long long>(requests));
+    return 0;
+  }
+  if (mode != "leak")
+    return 2;
   { Tamlo::Platform::LocoGuard const guard; }
   auto const handle = Tamlo::Platform::getDebugHandler("DiagHelper");
   Tamlo::IntrospectionMap::insert("DiagHelper", nullptr);
@@ -30,13 +44,4 @@ int leak() {
   }
   leakOnPurpose();
   return 0;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc > 1 && std::string(argv[1]) == "leak")
-    return leak();
-  std::fprintf(stderr, "usage: DiagHelper leak\n");
-  return 2;
 }
