@@ -5,7 +5,6 @@
 #include <Tamlo/Assert.h>
 #include <Tamlo/Debug.h>
 #include <Tamlo/Errno.h>
-#include <Tamlo/Exception.h>
 
 #include "TestSupport.h"
 

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include <Tamlo/Backtrace.h>
 #include <Tamlo/Thread.h>

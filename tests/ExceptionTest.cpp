@@ -2,7 +2,6 @@
 
 #include <Tamlo/Assert.h>
 #include <Tamlo/Backtrace.h>
-#include <Tamlo/Exception.h>
 #include <Tamlo/TypeName.h>
 
 #include "TestSupport.h"

@@ -3,15 +3,11 @@
 #include <Tamlo/FileDescriptorTask.h>
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
 #include <set>
 #include <stdexcept>
-#include <string>
 
 #include <Tamlo/Allocator.h>
 

@@ -2,7 +2,6 @@
 #include <Tamlo/FileLock.h>
 
 #include <csignal>
-#include <memory>
 
 #include "SysTestSupport.h"
 

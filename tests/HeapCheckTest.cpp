@@ -2,7 +2,6 @@
 // HEAPCHECK is set. The child leaks one block of 4242 bytes on purpose; it
 // runs with the leak checker blind to static storage (use_globals=0), which
 // would otherwise hide the library's singletons as reachable.
-#include <vector>
 
 #include <Tamlo/HeapCheck.h>
 

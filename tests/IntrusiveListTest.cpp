@@ -2,8 +2,6 @@
 #include "Tamlo/IntrusiveLinkedListBase.h"
 
 #include <iterator>
-#include <memory>
-#include <vector>
 
 #include "SysTestSupport.h"
 

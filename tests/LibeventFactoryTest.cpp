@@ -4,9 +4,6 @@
 #include <Tamlo/Thread.h>
 #include <Tamlo/TimerWheel.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -15,12 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <limits>
-#include <memory>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "TestSupport.h"
 

@@ -1,12 +1,6 @@
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/Platform.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <string>
-
 #include "TestSupport.h"
 
 namespace {

@@ -1,5 +1,4 @@
 #include <Tamlo/Debug.h>
-#include <Tamlo/Exception.h>
 #include <Tamlo/ForkHandler.h>
 #include <Tamlo/Plugin.h>
 

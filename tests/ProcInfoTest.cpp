@@ -3,7 +3,6 @@
 #include <sys/prctl.h>
 
 #include <ctime>
-#include <vector>
 
 #include "SysTestSupport.h"
 

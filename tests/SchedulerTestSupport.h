@@ -2,15 +2,11 @@
 // bodies that write the order of runs into a journal.
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
-
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Task.h>
+
+#include "TestSupport.h"
 
 namespace Tamlo::Test {
 

@@ -2,14 +2,10 @@
 // TRACEFILE is read at load; its size follows TAMLO_SOAK_SCALE, which the
 // child inherits. Here the trace file is checked: one whole line per timer
 // run from all eight threads, none cut into by another.
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <fmt/format.h>
 
 #include <cstdio>
 #include <fstream>
-#include <string>
 #include <unordered_set>
 
 #include "TestSupport.h"

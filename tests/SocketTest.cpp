@@ -8,7 +8,6 @@
 #include <sys/mount.h>
 
 #include <cerrno>
-#include <thread>
 
 #include "SysTestSupport.h"
 

@@ -11,16 +11,8 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <optional>
-#include <string>
-#include <utility>
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <Tamlo/Exception.h>
 #include <Tamlo/Util.h>
 
 #include "TestSupport.h"

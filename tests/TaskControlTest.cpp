@@ -4,13 +4,10 @@
 // each control is one allocation.
 #include <Tamlo/TaskControl.h>
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <memory>
 #include <stdexcept>
-#include <string>
 
 #include "SchedulerTestSupport.h"
 

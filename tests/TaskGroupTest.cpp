@@ -3,8 +3,6 @@
 // yields (in virtual time, so that the test sets run lengths).
 #include <Tamlo/TaskGroup.h>
 
-#include <gtest/gtest.h>
-
 #include "SchedulerTestSupport.h"
 
 namespace {

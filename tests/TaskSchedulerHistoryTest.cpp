@@ -2,22 +2,16 @@
 // destination, capacity changes, and that recording never allocates.
 #include "Tamlo/TaskSchedulerHistory.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 #include <new>
 #include <set>
 #include <sstream>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "Tamlo/Exception.h"
 #include "TestSupport.h"

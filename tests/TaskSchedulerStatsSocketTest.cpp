@@ -7,19 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <filesystem>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <rapidjson/document.h>
 
-#include <Tamlo/Exception.h>
 #include <Tamlo/Socket.h>
 #include "SchedulerTestSupport.h"
 

@@ -3,16 +3,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <map>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <fmt/format.h>
 #include <rapidjson/document.h>
 
 #include <Tamlo/TaskGroup.h>

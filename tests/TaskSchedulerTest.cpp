@@ -4,23 +4,12 @@
 // moves, history, and that roots and tasks leave nothing behind.
 #include <Tamlo/TaskScheduler.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <map>
-#include <memory>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <fmt/format.h>
 
 #include <Tamlo/Allocator.h>
 #include <Tamlo/LibeventFactory.h>

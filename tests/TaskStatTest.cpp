@@ -3,17 +3,8 @@
 // marks (TaskTest).
 #include "Tamlo/TaskStat.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <functional>
 #include <limits>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "Tamlo/ConstStringCache.h"
 #include "Tamlo/Exception.h"

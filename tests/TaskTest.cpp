@@ -4,15 +4,8 @@
 // own run.
 #include <Tamlo/Task.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <csignal>
-#include <cstdint>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Platform.h>

@@ -5,10 +5,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+// What almost every test file uses, included once here.
+#include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include <Tamlo/Exception.h>
 

@@ -2,9 +2,6 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <fmt/format.h>
-
-#include <Tamlo/Exception.h>
 #include <Tamlo/Thread.h>
 
 #include "TestSupport.h"

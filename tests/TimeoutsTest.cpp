@@ -1,17 +1,13 @@
 #include "Tamlo/Timeouts.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
 #include <map>
-#include <memory>
 #include <random>
 #include <set>
-#include <utility>
-#include <vector>
+
+#include "TestSupport.h"
 
 namespace {
 

@@ -3,11 +3,7 @@
 // jitter, repeated by a fresh process; the checks that abort.
 #include <Tamlo/TimerTask.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <csignal>
-#include <functional>
 #include <limits>
 
 #include <fmt/chrono.h>

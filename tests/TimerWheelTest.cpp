@@ -8,24 +8,14 @@
 #include <Tamlo/TimerWheel.h>
 #include <algorithm>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <limits>
-#include <memory>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <fmt/format.h>
 
 #include "TestSupport.h"
 

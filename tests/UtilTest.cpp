@@ -7,8 +7,6 @@
 #include <dlfcn.h>
 #include <iomanip>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "SysTestSupport.h"
 #include "plugins/VigorCountersRecord.h"

@@ -2,17 +2,9 @@
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <time.h>
 #include <array>
 #include <limits>
-#include <memory>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "TestSupport.h"
 
