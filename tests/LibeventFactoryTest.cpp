@@ -4,7 +4,6 @@
 #include <Tamlo/Thread.h>
 #include <Tamlo/TimerWheel.h>
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -52,29 +51,19 @@ struct RecordingTimer : TimeoutHandler, Recording {
 
 struct RecordingCallback : CallbackHandler, Recording {
   void callback() override {
-    ++called_;
-    if (rerequests_ > 0 && rerequests_--)
-      control_->requestCallback();
     if (throws_)
       throw std::logic_error("callback failed");
   }
   bool handleCallbackException() override { return offer(); }
-  CallbackControl* control_ = nullptr;
-  int called_ = 0, rerequests_ = 0;
 };
 
-struct RecordingFd : FdEventHandler, Recording {
+struct RecordingFd : FdEventHandler {
   void readFdEvent(int fd) override {
-    char buffer[16];
-    while (::read(fd, buffer, sizeof buffer) > 0)
-      ++bytesRead_;
-    ++reads_;
-    if (throws_)
-      throw std::runtime_error("read failed");
+    for (char c; ::read(fd, &c, 1) > 0;)
+      ++reads_;
   }
-  void writeFdEvent(int fd) override { lastFd_ = fd, ++writes_; }
-  bool handleFdException(int fd) override { return lastFd_ = fd, offer(); }
-  int reads_ = 0, writes_ = 0, bytesRead_ = 0, lastFd_ = -1;
+  void writeFdEvent(int) override {}
+  int reads_ = 0;
 };
 
 // One loop pass that serves whatever is ready now.
@@ -86,7 +75,7 @@ bool noTimerLeft() {
   return event_base_get_first_timeout(Tamlo::ev_base, &first) != 0;
 }
 
-// The contract both timer backends keep is checked in TimerWheelTest.
+// The contract every backend's controls keep is checked in TaskControlTest.
 TEST(LibeventTimerControlTest, HandlersMayReArmOthersInThePassAndDestroyTheirOwnControl) {
   RecordingTimer second(nullptr, "second");
   auto const secondTimer = getTimerControl(&second);
@@ -121,125 +110,6 @@ TEST(LibeventTimerControlTest, StrictHighIsServedBeforeDefaultInOnePass) {
   EXPECT_THAT(assertionText([&] { getTimerControl(&low, static_cast<EventPriority>(7)); }),
               AllOf(HasSubstr("Failed to set priority on "),
                     HasSubstr(" to Invalid EventPriority=7 rc -1")));
-}
-
-TEST(LibeventCallbackControlTest, RequestsCollapseCancelWithdrawsAndRerequestsWait) {
-  RecordingCallback handler;
-  auto const callback = getCallbackControl(&handler);
-  EXPECT_FALSE(callback->pendingCallback());
-  callback->requestCallback();
-  callback->requestCallback();
-  EXPECT_TRUE(callback->pendingCallback());
-  doEventLoop();
-  EXPECT_EQ(handler.called_, 1);
-  callback->requestCallback();
-  callback->cancelCallback();
-  EXPECT_FALSE(callback->pendingCallback());
-  doEventLoop();
-  EXPECT_EQ(handler.called_, 1);
-
-  handler.control_ = callback.get();
-  handler.rerequests_ = 2;
-  callback->requestCallback();
-  runOnePass();  // a request from inside waits for a later pass
-  EXPECT_EQ(handler.called_, 2);
-  EXPECT_TRUE(callback->pendingCallback());
-  doEventLoop();
-  EXPECT_EQ(handler.called_, 4);
-
-  getCallbackControl(&handler)->requestCallback();  // dies with its request
-  doEventLoop();
-  EXPECT_EQ(handler.called_, 4);
-}
-
-class LibeventFdControlTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0); }
-  void TearDown() override { ::close(fds_[0]), ::close(fds_[1]); }
-  void sendByte() { ASSERT_EQ(::write(fds_[1], "x", 1), 1); }
-  void sendAndPass() { sendByte(), runOnePass(); }
-  int local() const { return fds_[0]; }
-
-  int fds_[2] = {-1, -1};
-  RecordingFd handler_;
-  std::shared_ptr<Tamlo::LibeventFdControl> control_ =
-      std::make_shared<Tamlo::LibeventFdControl>(&handler_);
-};
-
-TEST_F(LibeventFdControlTest, ReadsArePersistentFromSetFdOnWritesOneShot) {
-  EXPECT_EQ(control_->getFd(), -1);
-  EXPECT_TRUE(control_->reads());
-  EXPECT_FALSE(control_->writes());
-  control_->setFd(local());
-  EXPECT_TRUE(control_->readArmed());
-  EXPECT_FALSE(control_->writeArmed());
-  EXPECT_NE(fcntl(local(), F_GETFL) & O_NONBLOCK, 0);
-  sendAndPass();
-  sendAndPass();
-  runOnePass();  // nothing to read: no call
-  EXPECT_EQ(handler_.reads_, 2);
-  EXPECT_EQ(handler_.bytesRead_, 2);
-
-  control_->setWrites(true);  // one-shot until wanted again
-  runOnePass();
-  runOnePass();
-  EXPECT_EQ(handler_.writes_, 1);
-  EXPECT_EQ(handler_.lastFd_, local());
-  EXPECT_TRUE(control_->writes());  // still wanted, no longer armed
-  EXPECT_FALSE(control_->writeArmed());
-  control_->setWrites(true);
-  runOnePass();
-  EXPECT_EQ(handler_.writes_, 2);
-}
-
-TEST_F(LibeventFdControlTest, WishesAreOnlyRecordedWithoutADescriptorOrAfterClearEvents) {
-  control_->setReads(false);
-  control_->setWrites(true);
-  runOnePass();
-  EXPECT_EQ(handler_.writes_, 0);
-  control_->setFd(local());
-  EXPECT_FALSE(control_->readArmed());
-  EXPECT_TRUE(control_->writeArmed());
-  sendAndPass();
-  EXPECT_EQ(handler_.writes_, 1);
-  EXPECT_EQ(handler_.reads_, 0);
-  control_->setReads(true);
-  runOnePass();
-  control_->setReads(false);
-  sendAndPass();
-  EXPECT_EQ(handler_.reads_, 1);
-
-  control_->setReads(true);
-  control_->setWrites(true);
-  control_->clearEvents();  // disarms but keeps the descriptor and the wishes
-  EXPECT_EQ(control_->getFd(), local());
-  EXPECT_TRUE(control_->reads());
-  EXPECT_TRUE(control_->writes());
-  sendAndPass();
-  EXPECT_EQ(handler_.reads_ + handler_.writes_, 2);  // no calls
-  control_->setFd(local());                          // same descriptor: arms what is wanted again
-  runOnePass();
-  EXPECT_EQ(handler_.reads_, 2);
-
-  control_->delFd();
-  EXPECT_EQ(control_->getFd(), -1);
-  EXPECT_FALSE(control_->readArmed());
-  EXPECT_GE(fcntl(local(), F_GETFD), 0);  // not closed
-}
-
-TEST_F(LibeventFdControlTest, ExceptionsAreOfferedWithTheDescriptor) {
-  control_->setFd(local());
-  handler_.throws_ = handler_.claims_ = true;
-  EXPECT_NO_THROW(sendAndPass());
-  EXPECT_EQ(handler_.offered_, 1);
-  EXPECT_EQ(handler_.lastFd_, local());
-
-  handler_.claims_ = false;
-  sendByte();
-  EXPECT_THROW(runOnePass(), std::runtime_error);
-  handler_.throws_ = false;
-  sendAndPass();  // the base is still usable
-  EXPECT_EQ(handler_.reads_, 3);
 }
 
 TEST(LibeventLoopTest, ClaimedExceptionsAreSwallowedUnclaimedLeaveTheLoop) {

@@ -1,8 +1,5 @@
 // The contracts of the platform's timer, callback and fd controls, a row per
-// backend; then what controls served by scheduler tasks do beyond them: the
-// handler is called from a task run, timer and callback exceptions are not
-// offered to the handler, clearEvents forgets the descriptor, and each
-// control is one allocation.
+// backend; then what controls served by scheduler tasks do beyond them.
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/TaskControl.h>
 #include <Tamlo/TimerWheel.h>
@@ -21,81 +18,105 @@ using Tamlo::TaskPriority;
 using namespace Tamlo::Platform;
 using ::testing::HasSubstr;
 
-// ---- The platform contracts, kept by every backend that makes the control ----
-
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double microsecond = 1e-6;  // what libevent keeps
 
-// Records what every kind of control delivers; fd exceptions it may claim.
-struct ContractHandler : TimeoutHandler, CallbackHandler, FdEventHandler {
-  void timeout() override { firedAt.push_back(Tamlo::time()); }
+// Records what every kind of control delivers, and calls made outside a task
+// run of `root`; it may re-arm or re-request `again` times, throw, and claim
+// fd exceptions (timer and callback ones always).
+struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
+  void timeout() override {
+    firedAt.push_back(Tamlo::time());
+    if (timer) {
+      EXPECT_EQ(timer->remainingTimeout(), infinity);
+      if (again > 0 && again--)
+        timer->setTimeout(0.25);
+    }
+    note();
+  }
   void callback() override {
     ++calls;
-    if (rerequests > 0 && rerequests--)
+    if (callbackControl && again > 0 && again--)
       callbackControl->requestCallback();
+    note();
   }
   void readFdEvent(int fd) override {
-    char buffer[16];
-    while (read(fd, buffer, sizeof buffer) > 0)
+    char buffer[1];
+    while (read(fd, buffer, 1) > 0)
       ++bytesRead;
     ++reads;
-    if (throws)
-      throw std::runtime_error("read failed");
+    note();
   }
-  void writeFdEvent(int fd) override { lastFd = fd, ++writes; }
+  void writeFdEvent(int fd) override { lastFd = fd, ++writes, note(); }
+  bool handleTimeoutException() override { return ++offered, true; }
+  bool handleCallbackException() override { return ++offered, true; }
   bool handleFdException(int fd) override { return lastFd = fd, ++offered, claims; }
+  void note() {
+    outsideTasks += root && !root->runningTask();
+    if (throws)
+      throw std::runtime_error("handler failed");
+  }
 
-  std::vector<double> firedAt;
+  Tamlo::TaskSchedulerRoot* root = nullptr;
+  TimerControl* timer = nullptr;
   CallbackControl* callbackControl = nullptr;
-  int calls = 0, rerequests = 0, reads = 0, writes = 0, bytesRead = 0, offered = 0, lastFd = -1;
+  std::vector<double> firedAt;
+  int again = 0, calls = 0, reads = 0, writes = 0, bytesRead = 0, offered = 0, lastFd = -1;
+  int outsideTasks = 0;
   bool throws = false, claims = false;
 };
 
 // A row per backend: how it makes each kind of control (none: it makes no
 // such control), the longest delay it holds (2^62 s for libevent, the last
-// expiry whose tick fits in 64 bits for a wheel), and whether a NaN delay is
-// a Tamlo assertion (a timer task's is a plain assert()).
+// expiry whose tick fits in 64 bits for a wheel), and where it differs from
+// libevent: a timer task's NaN delay is a plain assert(), a task fd control's
+// clearEvents forgets the descriptor, and its task, left executing by an
+// unclaimed exception, does not run again.
 struct Backend {
   char const* name;
   std::function<std::shared_ptr<TimerControl>(TimeoutHandler*)> timer;
   std::function<std::shared_ptr<CallbackControl>(CallbackHandler*)> callback;
   std::function<std::shared_ptr<FdControl>(FdEventHandler*)> fd;
   double limit;
-  bool nanAsserts = true;
+  bool nanAsserts = true, clearKeepsFd = true, runsAfterThrow = true;
 };
 
-class ControlContractTest : public ::testing::Test {
+class PlatformControlTest : public ::testing::Test {
  protected:
-  ~ControlContractTest() override { setFastForward(false); }
+  ~PlatformControlTest() override { setFastForward(false); }
   static void runOnePass() { Tamlo::eventLoopTimeout(0.0); }
+  // A notification may queue a task that a later pass runs.
+  static void serve() {
+    for (int i = 0; i < 3; ++i)
+      runOnePass();
+  }
 
   std::shared_ptr<Tamlo::TaskSchedulerRoot> root_ = Tamlo::Test::virtualTimeRoot("controls");
   std::shared_ptr<Tamlo::TimerWheel> wheel_ =
       Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault);
+  TaskPriority const normal_ = TaskPriority::normal;
   Backend const backends_[3] = {
       {"libevent", [](TimeoutHandler* h) { return getTimerControl(h); },
        [](CallbackHandler* h) { return getCallbackControl(h); },
        [](FdEventHandler* h) { return getFdControl(h); }, 0x1p62},
       {"wheel", [this](TimeoutHandler* h) { return getTimerControl(h, wheel_); }, nullptr, nullptr,
        0x1p64 / 100},
-      {"tasks",
-       [this](TimeoutHandler* h) { return getTimerControl(h, root_, TaskPriority::normal, "t"); },
-       [this](CallbackHandler* h) {
-         return getCallbackControl(h, root_, TaskPriority::normal, "c");
-       },
-       [this](FdEventHandler* h) { return getFdControl(h, root_, TaskPriority::normal, "f"); },
-       0x1p64 / 100, false},
+      {"tasks", [this](TimeoutHandler* h) { return getTimerControl(h, root_, normal_, "t"); },
+       [this](CallbackHandler* h) { return getCallbackControl(h, root_, normal_, "c"); },
+       [this](FdEventHandler* h) { return getFdControl(h, root_, normal_, "f"); }, 0x1p64 / 100,
+       false, false, false},
   };
 };
 
 // A timer fires once and not early; a new expiry replaces the old one, also a
 // due one; the time left counts down to zero until delivery; idle reads
-// infinity. Every delay a backend can hold is kept; longer ones are cut.
-TEST_F(ControlContractTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
+// infinity, also in the delivery, which may re-arm it. Every delay a backend
+// can hold is kept; longer ones are cut.
+TEST_F(PlatformControlTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
   for (Backend const& backend : backends_) {
     SCOPED_TRACE(backend.name);
     Tamlo::Test::ThrowOnAssert const throwOnAssert;
-    ContractHandler handler;
+    Handler handler;
     auto const control = backend.timer(&handler);
     EXPECT_EQ(control->remainingTimeout(), infinity);
     if (backend.nanAsserts) {
@@ -126,6 +147,16 @@ TEST_F(ControlContractTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
     doEventLoop(2.0);
     EXPECT_EQ(handler.firedAt.size(), 1u);
 
+    handler.timer = control.get();
+    handler.again = 3;
+    double const rearmed = Tamlo::time();
+    control->setTimeout(0.25);
+    doEventLoop(2.0);
+    ASSERT_EQ(handler.firedAt.size(), 5u);
+    for (size_t i = 1; i < 5; ++i)
+      EXPECT_GE(handler.firedAt[i],
+                (i == 1 ? rearmed : handler.firedAt[i - 1]) + 0.25 - microsecond);
+
     control->setTimeout(1e15);
     EXPECT_NEAR(control->remainingTimeout(), 1e15, 1.0);
     control->setTimeout(1e300);
@@ -137,12 +168,12 @@ TEST_F(ControlContractTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
 // Requests before a run collapse into one call, cancel withdraws, a request
 // from inside the call waits for a later pass, and a control dies with its
 // request.
-TEST_F(ControlContractTest, CallbackRequestsCollapseCancelWithdrawsAndRerequestsWait) {
+TEST_F(PlatformControlTest, CallbackRequestsCollapseCancelWithdrawsAndRerequestsWait) {
   for (Backend const& backend : backends_) {
     if (!backend.callback)
       continue;
     SCOPED_TRACE(backend.name);
-    ContractHandler handler;
+    Handler handler;
     auto const callback = backend.callback(&handler);
     EXPECT_FALSE(callback->pendingCallback());
     callback->requestCallback();
@@ -157,7 +188,7 @@ TEST_F(ControlContractTest, CallbackRequestsCollapseCancelWithdrawsAndRerequests
     EXPECT_EQ(handler.calls, 1);
 
     handler.callbackControl = callback.get();
-    handler.rerequests = 2;
+    handler.again = 2;
     callback->requestCallback();
     runOnePass();
     EXPECT_EQ(handler.calls, 2);
@@ -171,59 +202,69 @@ TEST_F(ControlContractTest, CallbackRequestsCollapseCancelWithdrawsAndRerequests
   }
 }
 
-// Reads are wanted from setFd on and persist; writes fire once per wish; the
-// descriptor is made non-blocking; exceptions are offered with it, a claimed
-// one is dropped and an unclaimed one leaves the loop; delFd does not close.
-TEST_F(ControlContractTest, FdReadsPersistWritesFireOnceAndExceptionsAreOffered) {
+// Wishes made before there is a descriptor apply from setFd on, which makes
+// it non-blocking; reads persist, writes fire once per wish. clearEvents
+// disarms (libevent keeps the descriptor, tasks forget it) and setFd arms the
+// wishes again. Exceptions are offered with the descriptor: a claimed one is
+// dropped, an unclaimed one leaves the loop. delFd does not close.
+TEST_F(PlatformControlTest, FdReadsPersistWritesFireOnceAndExceptionsAreOffered) {
   for (Backend const& backend : backends_) {
     if (!backend.fd)
       continue;
     SCOPED_TRACE(backend.name);
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    // A notification may queue a task that a later pass runs.
-    auto const serve = [] {
-      for (int i = 0; i < 3; ++i)
-        runOnePass();
-    };
     auto const sendAndPass = [&] {
       EXPECT_EQ(write(fds[1], "x", 1), 1);
       serve();
     };
-    ContractHandler handler;
+    Handler handler;
     auto const control = backend.fd(&handler);
     EXPECT_EQ(control->getFd(), -1);
+    control->setReads(false);
+    control->setWrites(true);
+    serve();
+    EXPECT_EQ(handler.writes, 0);
     control->setFd(fds[0]);
     EXPECT_EQ(control->getFd(), fds[0]);
     EXPECT_NE(fcntl(fds[0], F_GETFL) & O_NONBLOCK, 0);
     sendAndPass();
     sendAndPass();
-    serve();  // nothing to read: no call
-    EXPECT_EQ(handler.reads, 2);
-    EXPECT_EQ(handler.bytesRead, 2);
-
-    control->setWrites(true);  // one-shot until wanted again
-    serve();
-    serve();
+    EXPECT_EQ(handler.reads, 0);
     EXPECT_EQ(handler.writes, 1);
     EXPECT_EQ(handler.lastFd, fds[0]);
-    control->setWrites(true);
-    serve();
-    EXPECT_EQ(handler.writes, 2);
-    control->setReads(false);
-    sendAndPass();
-    EXPECT_EQ(handler.reads, 2);
-
     control->setReads(true);
+    serve();
+    sendAndPass();
+    serve();  // nothing to read: no call
+    EXPECT_EQ(handler.reads, 2);
+    EXPECT_EQ(handler.bytesRead, 3);
+    EXPECT_EQ(handler.writes, 1);
+
+    control->setWrites(true);
+    control->clearEvents();
+    EXPECT_EQ(control->getFd(), backend.clearKeepsFd ? fds[0] : -1);
+    sendAndPass();
+    EXPECT_EQ(handler.reads + handler.writes, 3);  // no calls
+    control->setFd(fds[0]);
+    serve();
+    EXPECT_EQ(handler.reads, 3);
+    EXPECT_EQ(handler.writes, 2);
+
     handler.throws = handler.claims = true;
     handler.lastFd = -1;
-    serve();
+    sendAndPass();
     EXPECT_EQ(handler.offered, 1);
     EXPECT_EQ(handler.lastFd, fds[0]);
     handler.claims = false;
     EXPECT_EQ(write(fds[1], "x", 1), 1);
     EXPECT_THROW(serve(), std::runtime_error);
     EXPECT_EQ(handler.offered, 2);
+    handler.throws = false;
+    if (backend.runsAfterThrow) {
+      sendAndPass();
+      EXPECT_EQ(handler.reads, 6);
+    }
 
     control->delFd();
     EXPECT_EQ(control->getFd(), -1);
@@ -232,81 +273,50 @@ TEST_F(ControlContractTest, FdReadsPersistWritesFireOnceAndExceptionsAreOffered)
   }
 }
 
-// ---- Controls served by scheduler tasks ----
+// ---- Controls served by scheduler tasks, beyond the contracts ----
 
-// Counts the calls made from a task run, throws when asked to, and claims
-// every exception offered to it.
-struct Recorder : TimeoutHandler, CallbackHandler {
-  void record() {
-    calls += root->runningTask() != nullptr ? 1 : 100;
-    if (throwing)
-      throw std::runtime_error("handler failed");
-  }
-  void timeout() override { record(); }
-  void callback() override { record(); }
-  bool handleTimeoutException() override { return ++offered, true; }
-  bool handleCallbackException() override { return ++offered, true; }
-
-  // In virtual time: the loop does not wait for the wheel's master timer.
-  ~Recorder() override { setFastForward(false); }
-  std::shared_ptr<Tamlo::TaskSchedulerRoot> root = Tamlo::Test::virtualTimeRoot("controls");
-  int calls = 0, offered = 0;
-  bool throwing = false;
-};
-
-TEST(TaskControlTest, HandlersAreCalledFromTaskRuns) {
-  Recorder recorder;
-  auto const timer = getTimerControl(&recorder, recorder.root, TaskPriority::high, "timer");
-  auto const callback = getCallbackControl(&recorder, recorder.root, TaskPriority::low, "cb");
-  timer->setTimeout(0.0);
-  callback->requestCallback();
-  doEventLoop();
-  EXPECT_EQ(recorder.calls, 2);
-}
-
-TEST(TaskControlTest, HandlerExceptionsLeaveTheRunUnoffered) {
-  Recorder recorder;
-  recorder.throwing = true;
-  auto const timer = getTimerControl(&recorder, recorder.root, TaskPriority::normal, "timer");
-  auto const callback = getCallbackControl(&recorder, recorder.root, TaskPriority::normal, "cb");
-  timer->setTimeout(0.0);
-  EXPECT_THROW(doEventLoop(), std::runtime_error);
-  callback->requestCallback();
-  EXPECT_THROW(doEventLoop(), std::runtime_error);
-  EXPECT_EQ(recorder.calls, 2);
-  EXPECT_EQ(recorder.offered, 0);
-  doEventLoop();
-}
-
-TEST(TaskControlTest, EachControlIsOneAllocationRegisteredAsATask) {
-  Recorder recorder;
-  // Names interned first, so that only the controls allocate.
-  auto const names = getTimerControl(&recorder, recorder.root, TaskPriority::low, "t");
+// Handlers are called from task runs; each timer or callback control is one
+// allocation and registers as a task.
+TEST_F(PlatformControlTest, TaskControlsAreTasksOfOneAllocationEach) {
+  Handler handler;
+  handler.root = root_.get();
+  auto const names = getTimerControl(&handler, root_, TaskPriority::low, "t");  // interned
   uint64_t const before = Tamlo::AllocatorStats::totalAllocations();
   std::shared_ptr<TimerControl> const timer =
-      getTimerControl(&recorder, recorder.root, TaskPriority::low, "t");
+      getTimerControl(&handler, root_, TaskPriority::low, "t");
   std::shared_ptr<CallbackControl> const callback =
-      getCallbackControl(&recorder, recorder.root, TaskPriority::low, "t");
+      getCallbackControl(&handler, root_, TaskPriority::low, "t");
   EXPECT_EQ(Tamlo::AllocatorStats::totalAllocations() - before, 2u);
-  EXPECT_EQ(recorder.root->tasksPerPriority(TaskPriority::low), 3u);
-}
+  EXPECT_EQ(root_->tasksPerPriority(TaskPriority::low), 3u);
 
-TEST(TaskFdControlTest, NotificationsRunAsTasksAndClearEventsForgetsTheFd) {
-  ContractHandler handler;
-  auto const root = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("controls");
-  auto const control = getFdControl(&handler, root, TaskPriority::high, "ctl");
+  auto const fd = getFdControl(&handler, root_, TaskPriority::high, "fd");
   int fds[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-  control->setFd(fds[0]);
-  control->setWrites(true);
+  fd->setFd(fds[0]);
+  fd->setWrites(true);
   EXPECT_EQ(write(fds[1], "x", 1), 1);
-  for (int i = 0; i < 3; ++i)
-    Tamlo::eventLoopTimeout(0.0);
-  EXPECT_EQ(handler.reads + handler.writes, 2);
-  EXPECT_EQ(control->taskRunCountReadable() + control->taskRunCountWritable(), 2u);
-  control->clearEvents();
-  EXPECT_EQ(control->getFd(), -1);
+  timer->setTimeout(0.0);
+  callback->requestCallback();
+  doEventLoop(1.0);
+  EXPECT_EQ(handler.firedAt.size() + handler.calls + handler.reads + handler.writes, 4u);
+  EXPECT_EQ(handler.outsideTasks, 0);
+  EXPECT_EQ(fd->taskRunCountReadable() + fd->taskRunCountWritable(), 2u);
+  fd->delFd();
   close(fds[0]), close(fds[1]);
+}
+
+TEST_F(PlatformControlTest, TaskTimerAndCallbackExceptionsLeaveTheRunUnoffered) {
+  Handler handler;
+  handler.throws = true;
+  auto const timer = getTimerControl(&handler, root_, normal_, "timer");
+  auto const callback = getCallbackControl(&handler, root_, normal_, "cb");
+  timer->setTimeout(0.0);
+  EXPECT_THROW(doEventLoop(), std::runtime_error);
+  callback->requestCallback();
+  EXPECT_THROW(doEventLoop(), std::runtime_error);
+  EXPECT_EQ(handler.firedAt.size() + handler.calls, 2u);
+  EXPECT_EQ(handler.offered, 0);
+  doEventLoop();
 }
 
 }  // namespace
