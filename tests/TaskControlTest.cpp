@@ -275,9 +275,10 @@ TEST_F(PlatformControlTest, FdReadsPersistWritesFireOnceAndExceptionsAreOffered)
 
 // ---- Controls served by scheduler tasks, beyond the contracts ----
 
-// Handlers are called from task runs; each timer or callback control is one
-// allocation and registers as a task.
-TEST_F(PlatformControlTest, TaskControlsAreTasksOfOneAllocationEach) {
+// A wheel's timer control and a task timer or callback control are one
+// allocation each; the task ones register as tasks, and their handlers are
+// called from task runs.
+TEST_F(PlatformControlTest, WheelAndTaskControlsAreOneAllocationTaskOnesRunAsTasks) {
   Handler handler;
   handler.root = root_.get();
   auto const names = getTimerControl(&handler, root_, TaskPriority::low, "t");  // interned
@@ -286,7 +287,8 @@ TEST_F(PlatformControlTest, TaskControlsAreTasksOfOneAllocationEach) {
       getTimerControl(&handler, root_, TaskPriority::low, "t");
   std::shared_ptr<CallbackControl> const callback =
       getCallbackControl(&handler, root_, TaskPriority::low, "t");
-  EXPECT_EQ(Tamlo::AllocatorStats::totalAllocations() - before, 2u);
+  std::shared_ptr<TimerControl> const wheelTimer = getTimerControl(&handler, wheel_);
+  EXPECT_EQ(Tamlo::AllocatorStats::totalAllocations() - before, 3u);
   EXPECT_EQ(root_->tasksPerPriority(TaskPriority::low), 3u);
 
   auto const fd = getFdControl(&handler, root_, TaskPriority::high, "fd");
