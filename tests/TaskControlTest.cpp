@@ -29,8 +29,10 @@ struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
     firedAt.push_back(Tamlo::time());
     if (timer) {
       EXPECT_EQ(timer->remainingTimeout(), infinity);
-      if (again > 0 && again--)
+      if (again > 0 && again--) {
         timer->setTimeout(0.25);
+        EXPECT_GT(timer->remainingTimeout(), 0);
+      }
     }
     note();
   }
