@@ -303,6 +303,7 @@ TEST_F(PlatformControlTest, WheelAndTaskControlsAreOneAllocationTaskOnesRunAsTas
   fd->setWrites(true);
   EXPECT_EQ(write(fds[1], "x", 1), 1);
   timer->setTimeout(0.0);
+  EXPECT_EQ(timer->remainingTimeout(), infinity);  // runnable at once: no timer
   callback->requestCallback();
   doEventLoop(1.0);
   EXPECT_EQ(handler.firedAt.size() + handler.calls + handler.reads + handler.writes, 4u);
