@@ -1,8 +1,5 @@
 // The reports of a scheduler tree: the exact text report, the JSON snapshot's
 // shape, and the history as a Trace Event Format trace.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <map>
 
@@ -11,7 +8,6 @@
 #include <Tamlo/TaskGroup.h>
 #include <Tamlo/TaskSchedulerSnapshot.h>
 #include "SchedulerTestSupport.h"
-#include "TestSupport.h"
 
 namespace Tamlo::Test {
 namespace {
@@ -32,15 +28,6 @@ rapidjson::Document parse(std::string const& text) {
   document.Parse(text.c_str());
   EXPECT_FALSE(document.HasParseError()) << text;
   return document;
-}
-
-std::string renderedTo(auto render) {
-  int const fd = ::memfd_create("report", MFD_CLOEXEC);
-  render(fd);
-  std::string text(size_t(::lseek(fd, 0, SEEK_CUR)), '\0');
-  EXPECT_EQ(::pread(fd, text.data(), text.size(), 0), ssize_t(text.size()));
-  ::close(fd);
-  return text;
 }
 
 TEST(StatsText, ReportFromFixedRecordsIsExact) {
