@@ -7,12 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 #include <rapidjson/document.h>
 
 #include <Tamlo/Socket.h>
 #include "SchedulerTestSupport.h"
+#include "SysTestSupport.h"
 
 namespace Tamlo::Test {
 namespace {
@@ -23,11 +22,6 @@ void runUntil(std::function<bool()> const& done) {
   for (int pass = 0; pass < 5000 && !done(); ++pass)
     Platform::doEventLoopInWaitfor(0.01);
   ASSERT_TRUE(done());
-}
-
-size_t openDescriptorCount() {
-  return size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                              std::filesystem::directory_iterator{}));
 }
 
 // A root with `count` idle tasks to report on.
@@ -66,7 +60,6 @@ TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderWhileOtherTasksRun) {
   runUntil([&] { return ended != 0; });
   text += readAll(fds[0]);
   EXPECT_EQ(ended, 1) << "written";
-  EXPECT_GT(text.size(), size_t(40 * 4096));
   EXPECT_GT(runsWhileWriting, 40);
   EXPECT_EQ(::fcntl(fds[1], F_GETFL) & O_NONBLOCK, 0) << "the caller's flags are restored";
   rapidjson::Document document;
@@ -119,7 +112,7 @@ std::string const socketName = "tamlo-stats-test-" + std::to_string(::getpid());
 // characters, the reports' contents being the other tests' business.
 TEST(StatsSocketTest, AHundredClientsGetTheirAnswersAndVanishingOnesCostNothing) {
   ReportedRoot const tree(300);
-  size_t const descriptorsBefore = openDescriptorCount();
+  int const descriptorsBefore = openDescriptorCount();
   struct Case {
     std::string request;
     bool shutDownAfter;
