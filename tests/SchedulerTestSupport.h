@@ -2,6 +2,9 @@
 // bodies that write the order of runs into a journal.
 #pragma once
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <Tamlo/Allocator.h>
 #include <Tamlo/Platform.h>
 #include <Tamlo/Task.h>
@@ -70,6 +73,25 @@ inline std::string repeated(std::string const& text, int times) {
   for (int i = 0; i < times; ++i)
     result += text;
   return result;
+}
+
+// Reads to the end, or until a non-blocking descriptor has nothing more.
+inline std::string readAll(int fd) {
+  std::string text;
+  char buffer[65536];
+  for (ssize_t count; (count = ::read(fd, buffer, sizeof buffer)) > 0;)
+    text.append(buffer, size_t(count));
+  return text;
+}
+
+// What `render` writes to a descriptor; the seek fails if it closed it.
+inline std::string renderedTo(auto render) {
+  int const fd = ::memfd_create("report", MFD_CLOEXEC);
+  render(fd);
+  EXPECT_EQ(::lseek(fd, 0, SEEK_SET), 0);
+  std::string const text = readAll(fd);
+  ::close(fd);
+  return text;
 }
 
 }  // namespace Tamlo::Test

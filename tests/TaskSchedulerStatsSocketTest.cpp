@@ -7,13 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-
 #include <rapidjson/document.h>
 
 #include <Tamlo/Socket.h>
 #include "SchedulerTestSupport.h"
+#include "SysTestSupport.h"
 
 namespace Tamlo::Test {
 namespace {
@@ -24,19 +22,6 @@ void runUntil(std::function<bool()> const& done) {
   for (int pass = 0; pass < 5000 && !done(); ++pass)
     Platform::doEventLoopInWaitfor(0.01);
   ASSERT_TRUE(done());
-}
-
-size_t openDescriptorCount() {
-  return size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                              std::filesystem::directory_iterator{}));
-}
-
-std::string readAll(int fd) {
-  std::string text;
-  char buffer[65536];
-  for (ssize_t count; (count = ::read(fd, buffer, sizeof buffer)) > 0;)
-    text.append(buffer, size_t(count));
-  return text;
 }
 
 // A root with `count` idle tasks to report on.
@@ -75,7 +60,6 @@ TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderWhileOtherTasksRun) {
   runUntil([&] { return ended != 0; });
   text += readAll(fds[0]);
   EXPECT_EQ(ended, 1) << "written";
-  EXPECT_GT(text.size(), size_t(40 * 4096));
   EXPECT_GT(runsWhileWriting, 40);
   EXPECT_EQ(::fcntl(fds[1], F_GETFL) & O_NONBLOCK, 0) << "the caller's flags are restored";
   rapidjson::Document document;
@@ -124,13 +108,15 @@ TEST(SnapshotRenderJsonAsync, DescriptorsItCannotServeAreRefusedOrEndTheWriting)
 
 std::string const socketName = "tamlo-stats-test-" + std::to_string(::getpid());
 
-TEST(StatsSocketTest, EachRequestGetsItsAnswerAndTheConnectionCloses) {
-  ReportedRoot const tree(20);
-  auto const server = tree.root->statsSocketListen("@" + socketName);
+// The socket's own answers are checked whole; a report only by its first
+// characters, the reports' contents being the other tests' business.
+TEST(StatsSocketTest, AHundredClientsGetTheirAnswersAndVanishingOnesCostNothing) {
+  ReportedRoot const tree(300);
+  int const descriptorsBefore = openDescriptorCount();
   struct Case {
     std::string request;
     bool shutDownAfter;
-    std::string answerStart;  // the whole answer when empty or ending a line
+    std::string answer;  // the whole answer when empty or ending a line, else its start
   } const cases[] = {
       {"text\n", false, "Priority "},
       {"text", true, "Priority "},
@@ -141,34 +127,16 @@ TEST(StatsSocketTest, EachRequestGetsItsAnswerAndTheConnectionCloses) {
       {std::string(100, 'a'), false, "error: request longer than 64 bytes\n"},
       {"", true, ""},
   };
-  uint64_t served = 0;
-  for (Case const& row : cases) {
-    int const client = connectAbstract(socketName);
-    ASSERT_EQ(::write(client, row.request.data(), row.request.size()), ssize_t(row.request.size()));
-    if (row.shutDownAfter)
-      ::shutdown(client, SHUT_WR);
-    ++served;
-    runUntil([&] { return server->acceptedCount() == served && server->connectionCount() == 0; });
-    std::string const answer = readAll(client);
-    if (row.answerStart.empty() || row.answerStart.back() == '\n')
-      EXPECT_EQ(answer, row.answerStart);
-    else
-      EXPECT_THAT(answer, StartsWith(row.answerStart)) << row.request;
-    ::close(client);
-  }
-}
-
-TEST(StatsSocketTest, AHundredClientsSomeVanishingCostNothingButTheirConnections) {
-  ReportedRoot const tree(300);
-  size_t const descriptorsBefore = openDescriptorCount();
   {
-    auto const server = tree.root->statsSocketListen(socketName);
-    char const* const requests[] = {"text\n", "json\n", "trace\n"};
+    auto const server = tree.root->statsSocketListen("@" + socketName);
     std::vector<int> clients;
-    for (int i = 0; i < 100; ++i) {
+    for (size_t i = 0; i < 100; ++i) {
+      Case const& row = cases[i % std::size(cases)];
       clients.push_back(connectAbstract(socketName));
-      ASSERT_EQ(::write(clients.back(), requests[i % 3], std::strlen(requests[i % 3])),
-                ssize_t(std::strlen(requests[i % 3])));
+      ASSERT_EQ(::write(clients.back(), row.request.data(), row.request.size()),
+                ssize_t(row.request.size()));
+      if (row.shutDownAfter)
+        ::shutdown(clients.back(), SHUT_WR);
       // Every tenth is gone before its answer: the server's writes fail with EPIPE.
       if (i % 10 == 0)
         ::close(std::exchange(clients.back(), -1));
@@ -190,9 +158,14 @@ TEST(StatsSocketTest, AHundredClientsSomeVanishingCostNothingButTheirConnections
     for (size_t i = 0; i < clients.size(); ++i) {
       if (clients[i] < 0)
         continue;
-      EXPECT_THAT(answers[i], StartsWith(i % 3 == 0 ? "Priority" : "{")) << i;
+      std::string const& answer = cases[i % std::size(cases)].answer;
+      if (answer.empty() || answer.back() == '\n')
+        EXPECT_EQ(answers[i], answer) << i;
+      else
+        EXPECT_THAT(answers[i], StartsWith(answer)) << i;
+      // A json or trace answer cut short shows only here.
       rapidjson::Document document;
-      EXPECT_TRUE(i % 3 != 1 || !document.Parse(answers[i].c_str()).HasParseError()) << i;
+      EXPECT_TRUE(answer[0] != '{' || !document.Parse(answers[i].c_str()).HasParseError()) << i;
       ::close(clients[i]);
     }
   }

@@ -4,6 +4,7 @@
 #include "Tamlo/TaskStat.h"
 
 #include <limits>
+#include <optional>
 #include <sstream>
 
 #include "Tamlo/ConstStringCache.h"
@@ -60,11 +61,6 @@ TEST(TaskStatTypes, ValuesOutOfRangeAreAssertionFailures) {
   };
   for (Row const& row : rows)
     EXPECT_THAT(assertionText(row.call), EndsWith(row.message));
-}
-
-TEST(TaskKey, PrintsTheAddressInDecimalAfterAnAt) {
-  EXPECT_EQ(TaskKey().toStrep(), "@0");
-  EXPECT_EQ(TaskKey(uint64_t{140737488355328}).toStrep(), "@140737488355328");
 }
 
 TaskStat statWith(TaskPriority priority, uint8_t statusBits) {
@@ -131,13 +127,15 @@ Field const fields[] = {
 class TaskStatRecord : public testing::Test {
  protected:
   // Every field distinct, so a swapped argument or field shows.
-  TaskStat record(std::string const& name, uint64_t base) {
+  // `marks` replaces both high-water marks when given.
+  TaskStat record(std::string const& name, uint64_t base,
+                  std::optional<TaskMaybeU32> marks = std::nullopt) {
     return TaskStat(cache_->intern(name), TaskKey(base), TaskPriority::low, base + 1,
                     nanoseconds(base + 2), base + 3, float(base + 4),
-                    TaskMaybeU32(uint32_t(base + 5)), uint32_t(base + 6),
-                    TaskMaybeU32(uint32_t(base + 7)), uint32_t(base + 8), uint32_t(base + 9),
-                    nanoseconds(base + 10), nanoseconds(base + 11), nanoseconds(base + 12),
-                    TaskStat::TaskStatus(uint8_t(base + 13)));
+                    marks.value_or(TaskMaybeU32(uint32_t(base + 5))), uint32_t(base + 6),
+                    marks.value_or(TaskMaybeU32(uint32_t(base + 7))), uint32_t(base + 8),
+                    uint32_t(base + 9), nanoseconds(base + 10), nanoseconds(base + 11),
+                    nanoseconds(base + 12), TaskStat::TaskStatus(uint8_t(base + 13)));
   }
   // By pointer: the cache's destructor may throw, a fixture's may not.
   std::unique_ptr<ConstStringCache> cache_ = std::make_unique<ConstStringCache>();
@@ -147,6 +145,8 @@ TEST_F(TaskStatRecord, ConstructionAndAddingFollowEachFieldsRule) {
   TaskStat const empty;
   EXPECT_TRUE(empty.taskNameRef().isNull());
   EXPECT_EQ(empty.taskPriority(), TaskPriority::absolute);
+  EXPECT_EQ(empty.taskKey().toStrep(), "@0");  // an address, in decimal
+  EXPECT_EQ(TaskKey(uint64_t{140737488355328}).toStrep(), "@140737488355328");
   TaskStat const built = record("reader", 100);
   EXPECT_EQ(built.taskName(), "reader");
   EXPECT_EQ(built.taskPriority(), TaskPriority::low);
@@ -167,10 +167,6 @@ TEST_F(TaskStatRecord, ConstructionAndAddingFollowEachFieldsRule) {
 }
 
 TEST_F(TaskStatRecord, MarksWithoutAValueCountAsZeroAndNeverReplaceOnes) {
-  auto withMarks = [this](TaskMaybeU32 mark) {
-    return TaskStat(cache_->intern("t"), TaskKey(), TaskPriority::normal, 0, {}, 0, 0, mark, 0,
-                    mark, 0, 0, {}, {}, {}, {});
-  };
   TaskMaybeU32 const none;
   struct Row {
     TaskMaybeU32 have, add, expected;
@@ -179,8 +175,8 @@ TEST_F(TaskStatRecord, MarksWithoutAValueCountAsZeroAndNeverReplaceOnes) {
                     {none, TaskMaybeU32(0), none}};
   for (Row const& row : rows) {
     SCOPED_TRACE(row.have.raw());
-    TaskStat sum = withMarks(row.have);
-    sum += withMarks(row.add);
+    TaskStat sum = record("t", 0, row.have);
+    sum += record("t", 0, row.add);
     EXPECT_EQ(sum.taskWorkCountHighWaterMark(), row.expected);
     EXPECT_EQ(sum.taskWorkPendingHighWaterMark(), row.expected);
   }
