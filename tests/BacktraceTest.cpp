@@ -1,5 +1,7 @@
-// The rendering of the tracked backtraces: a heading, then per entry a line
-// with its sequence number, time, thread and message and its frames indented.
+// The tracker of exception backtraces: a ring of the newest, and its
+// rendering, a heading and then per entry a line with its sequence number,
+// time, thread and message and its frames indented.
+#include <atomic>
 #include <chrono>
 #include <regex>
 #include <sstream>
@@ -7,16 +9,24 @@
 #include <Tamlo/Backtrace.h>
 #include <Tamlo/Thread.h>
 
-#include "SysTestSupport.h"
+#include "TestSupport.h"
+
+namespace {
 
 using Tamlo::BacktraceTracker;
 
-class RenderTest : public ::testing::Test {
+class TrackerTest : public ::testing::Test {
  protected:
   void TearDown() override { BacktraceTracker::capacityIs(BacktraceTracker::defaultCapacity); }
+  static std::vector<std::string> messages() {
+    std::vector<std::string> messages;
+    for (auto const& entry : BacktraceTracker::entries())
+      messages.push_back(entry.message);
+    return messages;
+  }
 };
 
-TEST_F(RenderTest, ShowsKeptEntriesOldestFirstWithTheirFramesIndented) {
+TEST_F(TrackerTest, RendersTheNewestEntriesOldestFirstWithTheirFramesIndented) {
   auto const before = std::chrono::system_clock::now();
   BacktraceTracker::capacityIs(3);
   Tamlo::RuntimeException const dropped("dropped");
@@ -24,6 +34,7 @@ TEST_F(RenderTest, ShowsKeptEntriesOldestFirstWithTheirFramesIndented) {
   // Stopped tracking neither keeps nor counts.
   BacktraceTracker::capacityIs(0);
   Tamlo::RuntimeException const untracked("untracked");
+  EXPECT_TRUE(messages().empty());
   BacktraceTracker::capacityIs(3);
   pid_t otherThread = 0;
   std::thread([&] {
@@ -47,12 +58,43 @@ TEST_F(RenderTest, ShowsKeptEntriesOldestFirstWithTheirFramesIndented) {
       expected += "  " + frame + "\n";
   }
   EXPECT_EQ(entries[0].threadId, otherThread);
+  EXPECT_EQ(entries[2].backtrace.pretty(), newest.backtrace().pretty());
   EXPECT_EQ(entries[2].threadId, Tamlo::gettid());
-
   std::string const text = BacktraceTracker::renderString();
   std::regex const time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})");
   EXPECT_EQ(std::regex_replace(text, time, "TIME"), expected);
   std::ostringstream stream;
   BacktraceTracker::render(stream);
   EXPECT_EQ(stream.str(), text);
+
+  // Shrinking keeps the newest; growing keeps what is there.
+  BacktraceTracker::capacityIs(2);
+  BacktraceTracker::capacityIs(4);
+  for (char const* message : {"f", "g", "h"})
+    Tamlo::RuntimeException const e(message);
+  EXPECT_EQ(messages(), (std::vector<std::string>{"newest", "f", "g", "h"}));
 }
+
+TEST_F(TrackerTest, ConcurrentExceptionsAndResizes) {
+  std::atomic<bool> stop{false};
+  std::thread resizer([&] {
+    for (size_t capacity = 1; !stop.load(); capacity = capacity % 8 + 1)
+      BacktraceTracker::capacityIs(capacity);
+  });
+  std::vector<std::thread> throwers;
+  for (int t = 0; t < 4; ++t)
+    throwers.emplace_back([] {
+      for (int i = 0; i < 200; ++i)
+        Tamlo::RuntimeException const e("during");
+    });
+  for (auto& thrower : throwers)
+    thrower.join();
+  stop = true;
+  resizer.join();
+  BacktraceTracker::capacityIs(5);
+  for (int i = 0; i < 5; ++i)
+    Tamlo::RuntimeException const e("last");
+  EXPECT_EQ(messages(), std::vector<std::string>(5, "last"));
+}
+
+}  // namespace
