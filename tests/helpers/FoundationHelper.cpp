@@ -1,8 +1,7 @@
 // Child process for what is fixed at load time or ends the process: tracing
-// set up from TRACE, TRACEFORMAT and TRACEFILE by static initialisers, the
-// random seed chosen once per process, fatal assertions, uncaught exceptions
-// and the incompatible-library check. Usage: FoundationHelper COMMAND ARG...,
-// the commands being those of the table in main().
+// set up from the environment by static initialisers, the random seed, fatal
+// assertions, uncaught exceptions and the incompatible-library check.
+// Usage: FoundationHelper COMMAND ARG..., the commands of the table below.
 #include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include <Tamlo/Assert.h>
-#include <Tamlo/Backtrace.h>
 #include <Tamlo/CheckIncompat.h>
 #include <Tamlo/Debug.h>
 #include <Tamlo/Exception.h>
@@ -39,9 +37,6 @@ struct Checker {
 }
 [[gnu::noinline]] void throwStd() {
   throw std::runtime_error("disk full");
-}
-[[gnu::noinline]] void throwInt() {
-  throw 42;
 }
 
 }  // namespace FailureProbe
@@ -105,7 +100,6 @@ Command const commands[] = {
              "%s/%s\n", name.c_str(),
              Tamlo::Orv::DebugControl::levelsString(getDebugHandler(name)->levels()).c_str());
      }},
-    {"format", [](Args const&) { Tamlo::Platform::printAllTraceFormat(); }},
     // The pid, then each text traced on "Tamlo" at level 1, then at level 2.
     {"trace",
      [](Args const& texts) {
@@ -137,7 +131,6 @@ Command const commands[] = {
        printDraws();
      }},
     {"implicit", [](Args const&) { printDraws(); }},  // without setSeed()
-    {"assert", [](Args const&) { Checker().check(7); }},
     {"assertInCatch",
      [](Args const&) {
        try {
@@ -148,10 +141,9 @@ Command const commands[] = {
      }},
     {"runtime", [](Args const&) { throwRuntime(); }},
     {"std", [](Args const&) { throwStd(); }},
-    {"int", [](Args const&) { throwInt(); }},
+    {"int", [](Args const&) { throw 42; }},
     {"terminate", [](Args const&) { std::terminate(); }},
     {"thread", [](Args const&) { std::thread(throwRuntime).join(); }},
-    {"verbosity", [](Args const&) { std::printf("%d\n", Tamlo::Backtrace::verbosity()); }},
     {"checkIncompat",
      [](Args const&) {
        describeFlag();
