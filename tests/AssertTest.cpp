@@ -94,11 +94,6 @@ TEST_F(AssertTextTest, StreamAssertionPrefixesFileFunctionAndLine) {
   EXPECT_EQ(text, "Queue.cpp:push:17: queue depth 42");
   // On the caller's handle at the caller's level, whatever its levels.
   EXPECT_EQ(traced(), "AssertProbeStream 3 " + text + "\n");
-  // A null name sets the new stream's bad bit: nothing after it is written.
-  EXPECT_EQ(assertionText([&] {
-              Tamlo::debugAndThrowAssertException(*handle, 0, stream, nullptr, "push", 17);
-            }),
-            "");
 }
 
 TEST(StrerrorTest, SystemTextErrnoUntouchedAndABufferPerThread) {

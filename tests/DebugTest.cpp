@@ -140,21 +140,12 @@ TEST(DebugTest, WildcardNameInGetWarnsAndIsIgnored) {
   EXPECT_EQ(levelsOf(handle), "6");
 }
 
-// Specific settings are listed by name, wildcards by prefix, each section
-// after its heading.
+// The sections after their headings, in this order, after an empty line (the
+// entries of each, sorted by name, are checked through listed()).
 TEST(DebugTest, ListingLayout) {
-  setupTamloDebug("LaZ/*,LaA/0,La*/9");
   std::string const text = listingText();
-  size_t const positions[] = {text.find("\nSpecific:\n"),
-                              text.find("\n    LaA/09\n"),
-                              text.find("\n    LaZ/*\n"),
-                              text.find("\nWildcard:\n"),
-                              text.find("\n    La*/9\n"),
-                              text.find("\nHandlers:\n"),
-                              text.rfind('\n')};
-  EXPECT_EQ(positions[0], 0u) << text;
-  EXPECT_TRUE(std::is_sorted(std::begin(positions), std::end(positions))) << text;
-  EXPECT_EQ(positions[6], text.size() - 1);
+  size_t const s = text.find("\nSpecific:\n"), w = text.find("\nWildcard:\n");
+  EXPECT_TRUE(s == 0 && s < w && w < text.find("\nHandlers:\n") && text.back() == '\n') << text;
 }
 
 TEST(DebugTest, RegistryOperationsRequireTheLibraryLock) {

@@ -68,11 +68,8 @@ TEST(TerminateHandlerTest, PrintsTheTypeWhatItCanAndABacktrace) {
   }
 }
 
-// Passes with only this library; fails when the flag it defines is
-// interposed by another one, first in dynamic lookup when preloaded. Under
-// AddressSanitizer the preload would otherwise be refused for coming before
-// the sanitizer's runtime, and the second definition reported as the ODR
-// violation it deliberately is.
+// Preloaded, another library's flag comes first in dynamic lookup; the
+// options keep AddressSanitizer from refusing the preload or its ODR breach.
 TEST(CheckIncompatTest, FailsOnlyWhenAnotherLibraryDefinesTheFlag) {
   auto const alone = runFailure("checkIncompat");
   EXPECT_EQ(alone.out, "flag 2 from libTamlo.so.0\ncompatible\n");
@@ -82,8 +79,7 @@ TEST(CheckIncompatTest, FailsOnlyWhenAnotherLibraryDefinesTheFlag) {
       runFailure("checkIncompat",
                  {std::string("LD_PRELOAD=") + TAMLO_PLUGIN_DIR + "/libFailureIncompatFlag.so",
                   "ASAN_OPTIONS=verify_asan_link_order=0:detect_odr_violation=0"});
-  // The interposition really happened, and the library's C assertion names
-  // the broken condition.
+  // The interposition happened, and the C assertion names the condition.
   EXPECT_EQ(result.out, "flag 1 from libFailureIncompatFlag.so\n");
   EXPECT_THAT(result.err, StartsWith("FoundationHelper: "));
   EXPECT_THAT(result.err, HasSubstr("/Tamlo/CheckIncompat.cpp:"));
