@@ -48,19 +48,6 @@ using namespace FailureProbe;
 using Tamlo::Platform::getDebugHandler;
 using Args = std::vector<std::string>;
 
-// Where the flag that the dynamic linker hands out comes from, and its value.
-void describeFlag() {
-  void* const flag = dlsym(RTLD_DEFAULT, "platformLibPresenceFlag");
-  Dl_info info{};
-  if (!flag || dladdr(flag, &info) == 0 || !info.dli_fname) {
-    std::printf("flag not found\n");
-  } else {
-    char const* slash = std::strrchr(info.dli_fname, '/');
-    std::printf("flag %d from %s\n", *static_cast<int*>(flag), slash ? slash + 1 : info.dli_fname);
-  }
-  std::fflush(stdout);
-}
-
 // The seed, five rand64() values and a 1000-character randomString().
 void printDraws() {
   std::printf("seed %u\n", Tamlo::Random::getSeed());
@@ -144,9 +131,15 @@ Command const commands[] = {
     {"int", [](Args const&) { throw 42; }},
     {"terminate", [](Args const&) { std::terminate(); }},
     {"thread", [](Args const&) { std::thread(throwRuntime).join(); }},
+    // Where the flag that the dynamic linker hands out comes from, and its
+    // value, before the check.
     {"checkIncompat",
      [](Args const&) {
-       describeFlag();
+       void* const flag = dlsym(RTLD_DEFAULT, "platformLibPresenceFlag");
+       Dl_info info{};
+       if (flag && dladdr(flag, &info) != 0 && info.dli_fname)
+         std::printf("flag %d from %s\n", *static_cast<int*>(flag), basename(info.dli_fname));
+       std::fflush(stdout);
        Tamlo::checkIncompat();
        std::printf("compatible\n");
      }},
