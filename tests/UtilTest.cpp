@@ -9,7 +9,6 @@
 #include <sstream>
 
 #include "SysTestSupport.h"
-#include "plugins/VigorCountersRecord.h"
 
 namespace {
 
@@ -20,10 +19,10 @@ namespace fs = std::filesystem;
 namespace Util = Tamlo::Util;
 
 TEST(UtilTest, Base64EncodeGivesSixCharactersLowGroupFirst) {
-  // 64 and 1 << 30 place the second and the sixth (top two bits) group.
+  // 1 << 30 places the sixth group, which holds the top two bits.
   std::pair<uint32_t, char const*> const cases[] = {
-      {1, "BAAAAA"},  {26, "aAAAAA"}, {52, "0AAAAA"},       {62, "_AAAAA"},
-      {63, "=AAAAA"}, {64, "ABAAAA"}, {1u << 30, "AAAAAB"}, {0x12345678u, "4ZFNSA"}};
+      {1, "BAAAAA"},  {26, "aAAAAA"},       {52, "0AAAAA"},         {62, "_AAAAA"},
+      {63, "=AAAAA"}, {1u << 30, "AAAAAB"}, {0x12345678u, "4ZFNSA"}};
   for (auto const& [value, text] : cases)
     EXPECT_EQ(Tamlo::Util::base64Encode(value), text) << value;
 }
@@ -41,32 +40,23 @@ TEST(UtilTest, DisplayPointerRestoresTheStreamsFormatting) {
   }
 }
 
-std::string renderInt(void const* object) {
-  return "int " + std::to_string(*static_cast<int const*>(object));
-}
-std::string renderOther(void const*) {
-  return "other";
-}
-
 TEST(UtilTest, IntrospectionMapInsertsReplacesAndLooksUpFromManyThreads) {
-  EXPECT_EQ(IntrospectionMap::lookup("UtilTest.unknown"), nullptr);
+  using Render = std::string (*)(void const*);
+  static Render const renderInt = [](void const*) { return std::string("int"); };
+  static Render const renderOther = [](void const*) { return std::string("other"); };
   IntrospectionMap::insert("UtilTest.int", renderInt);
-  EXPECT_EQ(IntrospectionMap::lookup("UtilTest.int"), &renderInt);
-
   IntrospectionMap::insert("UtilTest.int", renderOther);
-  EXPECT_EQ(IntrospectionMap::lookup("UtilTest.int"), &renderOther);
+  EXPECT_EQ(IntrospectionMap::lookup("UtilTest.int"), renderOther);
   EXPECT_EQ(IntrospectionMap::lookup("UtilTest.in"), nullptr);  // exact names only
-
   IntrospectionMap::insert("UtilTest.int", nullptr);
   EXPECT_EQ(IntrospectionMap::lookup("UtilTest.int"), nullptr);
-
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([t] {
       for (int i = 0; i < 500; ++i) {
-        std::string const name = "UtilTest.thread" + std::to_string(t) + "." + std::to_string(i);
+        std::string const name = fmt::format("UtilTest.thread{}.{}", t, i);
         IntrospectionMap::insert(name, (i % 2) ? renderInt : renderOther);
-        EXPECT_EQ(IntrospectionMap::lookup(name), (i % 2) ? &renderInt : &renderOther);
+        EXPECT_EQ(IntrospectionMap::lookup(name), (i % 2) ? renderInt : renderOther);
       }
     });
   for (auto& thread : threads)
@@ -74,7 +64,6 @@ TEST(UtilTest, IntrospectionMapInsertsReplacesAndLooksUpFromManyThreads) {
 }
 
 TEST(UtilTest, TypeNameDemanglesOrReturnsTheInput) {
-  EXPECT_EQ(Tamlo::typeName<Tamlo::DisplayPointer>(), "Tamlo::DisplayPointer");
   EXPECT_EQ(Tamlo::typeName(typeid(std::vector<int>).name()),
             "std::vector<int, std::allocator<int> >");
   EXPECT_EQ(Tamlo::typeName("not a mangled name"), "not a mangled name");
@@ -84,25 +73,16 @@ TEST(UtilTest, CountersReachTheCountersPlugin) {
   Tamlo::Counters counters("serverStats");
   ASSERT_NE(counters.plugin(), nullptr);
   EXPECT_STREQ(counters.plugin()->name(), "VigorCountersPlugin");
-  auto const recordOf = reinterpret_cast<Tamlo::Test::VigorCountersRecordFunction>(
-      dlsym(RTLD_DEFAULT, "vigorCountersRecordForTest"));
-  ASSERT_NE(recordOf, nullptr);
-  auto* const record = recordOf();
-  size_t const setsBefore = record->openedSets.size();
-  size_t const countersBefore = record->counters.size();
-  EXPECT_EQ(record->openedSets.back(), "serverStats");
-
-  uint64_t requests = 0, errors = 0;
+  auto const log =
+      reinterpret_cast<std::string const& (*)()>(dlsym(RTLD_DEFAULT, "vigorCountersLog"));
+  ASSERT_NE(log, nullptr);
+  uint64_t requests = 0;
   counters.counter("requests", &requests);
-  counters.counter("errors", &errors);
-  ASSERT_EQ(record->counters.size(), countersBefore + 2);
-  EXPECT_EQ(record->counters[countersBefore], std::pair(std::string("requests"), &requests));
-  EXPECT_EQ(record->counters[countersBefore + 1], std::pair(std::string("errors"), &errors));
-
   // A nameless set opens nothing, but still shares the one plugin.
   Tamlo::Counters unnamed(nullptr);
   EXPECT_EQ(unnamed.plugin(), counters.plugin());
-  EXPECT_EQ(record->openedSets.size(), setsBefore);
+  EXPECT_THAT(log(), testing::EndsWith(fmt::format("open serverStats\nadd requests {}\n",
+                                                   static_cast<void*>(&requests))));
 }
 
 TEST(UtilTest, CountersWithoutThePluginDoNothing) {
@@ -110,10 +90,10 @@ TEST(UtilTest, CountersWithoutThePluginDoNothing) {
                                           {"LD_LIBRARY_PATH", "TRACE", "TRACEFILE"});
   EXPECT_EQ(run.exitCode, 0);
   EXPECT_EQ(run.out, "plugin null\nrequests 7\n");
-  EXPECT_EQ(run.err,
-            "TamloPlugin 0 Platform::loadPlugin() Failed to load plugin VigorCountersPlugin: "
-            "libVigorCountersPlugin.so: "
-            "cannot open shared object file: No such file or directory\n");
+  EXPECT_EQ(
+      run.err,
+      "TamloPlugin 0 Platform::loadPlugin() Failed to load plugin VigorCountersPlugin: "
+      "libVigorCountersPlugin.so: cannot open shared object file: No such file or directory\n");
 }
 
 TEST(UtilFileTest, WriteReplacesAtomicallyAndTheOtherHelpersAct) {
@@ -146,12 +126,10 @@ TEST(UtilFileTest, FailuresNameThePathAndTheErrorAndLeakNothing) {
        "create " + d + "/no/f.tmp.[0-9]+.[0-9]+: No such file or directory"},
       {[&] { Util::writeFile(d + "/full", "x"); },
        "rename to " + d + "/full " + d + "/full.tmp.[0-9]+.[0-9]+: Is a directory"},
-      {[&] { Util::touch(d + "/no/f"); }, "open " + d + "/no/f: No such file or directory"},
       {[&] { Util::truncate(d + "/none", 1); },
        "truncate " + d + "/none: No such file or directory"},
       {[&] { Util::remove(d + "/full"); }, "remove " + d + "/full: Directory not empty"},
       {[&] { Util::fileSize(d + "/none"); }, "stat " + d + "/none: No such file or directory"},
-      {[&] { Util::readLockPid(d + "/none"); }, "stat " + d + "/none: No such file or directory"},
   };
   for (auto const& [call, message] : cases)
     EXPECT_THAT(errorOf(call), testing::MatchesRegex("Tamlo::RuntimeException: " + message));
@@ -190,16 +168,11 @@ TEST(UtilFileTest, MkpathCreatesEveryMissingDirectoryAndReportsLikeMkdir) {
 }
 
 TEST(UtilFileTest, TrimpathCleansLexically) {
-  std::pair<char const*, char const*> const cases[] = {{"", "."},
-                                                       {".", "."},
-                                                       {"/", "/"},
-                                                       {"a//b/./c/", "a/b/c"},
-                                                       {"/../a/..", "/"},
-                                                       {"../../a", "../../a"},
-                                                       {"a/b/../../..", ".."},
-                                                       {"/x/./y/../z", "/x/z"}};
-  for (auto const& [path, cleaned] : cases)
-    EXPECT_EQ(Util::trimpath(path), cleaned) << path;
+  std::string cleaned;
+  for (char const* path :
+       {"", "/", "a//b/./c/", "/../a/..", "../../a", "a/b/../../..", "/x/./y/../z"})
+    cleaned += Util::trimpath(path) + " ";
+  EXPECT_EQ(cleaned, ". / a/b/c / ../../a .. /x/z ");
 }
 
 TEST(UtilLockPidTest, ParsesHoldingLocksOfTheFileOnly) {
