@@ -36,11 +36,12 @@ std::string expectedDraws(uint32_t seed, bool unseeded = false) {
 }
 
 TEST(RandomTest, SetSeedRestartsTheSequenceThatConcurrentDrawsShareWithoutLosses) {
-  (void)Random::rand64();
-  uint32_t const seed = Random::getSeed();
   testing::internal::CaptureStderr();
+  Random::setSeed();
+  uint32_t const seed = Random::getSeed();
+  (void)Random::rand64();
   Random::setSeed();  // the same seed again, not a new one
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), seedLine(seed));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), seedLine(seed) + seedLine(seed));
   constexpr int threads = 4, perThread = 2000;
   std::vector<uint64_t> drawn[threads], all, expected(threads * perThread);
   std::vector<std::thread> workers;
