@@ -34,7 +34,7 @@ class DirNodeTest : public testing::Test {
   Tamlo::Test::ScratchDirectory const scratch_;
 };
 
-TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinks) {
+TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinksOrThrowsForItsRoot) {
   std::string const top = "a.txt:file:0 dangling:symlink:0 fifo:other:0 ";
   std::string const links = top + "link:symlink:0 loop:symlink:0 ";
   std::string const sub = "sub:directory:0 sub/deep.txt:file:1 sub/inner:directory:1 ";
@@ -58,6 +58,10 @@ TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinks) {
     EXPECT_EQ(walkOf(walker, scratch_.path()), walk) << recursive << follow << skipSub;
     EXPECT_EQ(Tamlo::Test::openDescriptorCount(), descriptors);
   }
+  for (std::string const error : {"none: No such file or directory", "a.txt: Not a directory"})
+    EXPECT_EQ(Tamlo::Test::errorOf(
+                  [&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
+              "Tamlo::RuntimeException: opendir " + scratch_ / error);
 }
 
 TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
@@ -74,13 +78,6 @@ TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
       },
       true);
   EXPECT_EQ(asNobody.exitCode, 1);
-}
-
-TEST_F(DirNodeTest, UnreadableRootThrows) {
-  for (std::string const error : {"none: No such file or directory", "a.txt: Not a directory"})
-    EXPECT_EQ(Tamlo::Test::errorOf(
-                  [&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
-              "Tamlo::RuntimeException: opendir " + scratch_ / error);
 }
 
 }  // namespace
