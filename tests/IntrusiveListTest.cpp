@@ -97,10 +97,8 @@ TEST(IntrusiveList, MisuseAssertsAndLeavesListsUnchanged) {
       {[&] { otherRegistry.linkBookmark(linked, otherRegistry.end()); }, "!bookmark.isLinked()"}};
   for (auto const& [action, text] : cases)
     EXPECT_THAT(Tamlo::Test::assertionText(action), testing::EndsWith(text));
-  EXPECT_THAT(values(queue), ElementsAre(1, 2));
-  EXPECT_TRUE(other.empty() && otherRegistry.empty());
-  EXPECT_THAT(values(registry), ElementsAre(1));
-  EXPECT_EQ(registry.beginAt(linked)->value_, 1);
+  EXPECT_TRUE(values(queue) == std::vector({1, 2}) && values(registry) == std::vector({1}));
+  EXPECT_TRUE(other.empty() && otherRegistry.empty() && registry.beginAt(linked)->value_ == 1);
   EXPECT_FALSE(loose.isLinked() || b.registeredLink_.isLinked());
 }
 
