@@ -69,15 +69,13 @@ TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
     GTEST_SKIP() << "needs root to run a child as another user";
   fs::create_directories(scratch_ / "sub/inner/hidden");
   fs::permissions(scratch_ / "sub/inner", fs::perms::owner_all);
-  auto const asNobody = Tamlo::Test::runInChild(
-      [&] {
-        DirNode walker(scratch_ / "sub");
-        walker.recursiveIs(true);
-        return walkOf(walker, scratch_ / "sub") ==
-               "deep.txt:file:0 inner:directory:0 | inner: Permission denied ";
-      },
-      true);
-  EXPECT_EQ(asNobody.exitCode, 1);
+  auto const asNobody = [&] {
+    DirNode walker(scratch_ / "sub");
+    walker.recursiveIs(true);
+    return walkOf(walker, scratch_ / "sub") ==
+           "deep.txt:file:0 inner:directory:0 | inner: Permission denied ";
+  };
+  EXPECT_EQ(Tamlo::Test::runInChild(asNobody, true).exitCode, 1);
 }
 
 }  // namespace

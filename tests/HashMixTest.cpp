@@ -66,21 +66,18 @@ TEST(HashMixTest, MixingContinuesFromTheCurrentValue) {
             referenceHash<uint32_t>({'d', 'e'}, referenceHash<uint32_t>({'a', 'b', 'c'})));
 }
 
-// mixFixedLen<N> equals mix() over the same N bytes.
-template <typename T, size_t N>
-void expectFixedLenMatchesMix(unsigned char const* bytes) {
-  HashMix<T> fixed(static_cast<T>(0x0123456789abcdefull)), general(fixed.value());
-  fixed.template mixFixedLen<N>(bytes);
-  general.mix(bytes, N);
-  EXPECT_EQ(fixed.value(), general.value()) << "width " << sizeof(T) << " N " << N;
-}
-
 TEST(HashMixTest, FixedLengthEqualsMixOverTheSameBytes) {
   // Bytes with the high bit set catch a sign extension while assembling words.
   unsigned char const bytes[] = {0x80, 0x01, 0xff, 0xfe, 0x7f, 0x00, 0x81, 0xc3};
+  auto const check = [&]<typename T, size_t N>() {
+    HashMix<T> fixed(static_cast<T>(0x0123456789abcdefull)), general(fixed.value());
+    fixed.template mixFixedLen<N>(bytes);
+    general.mix(bytes, N);
+    EXPECT_EQ(fixed.value(), general.value()) << "width " << sizeof(T) << " N " << N;
+  };
   [&]<size_t... N>(std::index_sequence<N...>) {
-    (expectFixedLenMatchesMix<uint32_t, N>(bytes), ...);
-    (expectFixedLenMatchesMix<uint64_t, N>(bytes), ...);
+    (check.template operator()<uint32_t, N>(), ...);
+    (check.template operator()<uint64_t, N>(), ...);
   }
   (std::index_sequence<1, 2, 4, 8>());
 }

@@ -12,7 +12,6 @@ namespace Tamlo {
 namespace {
 
 using Role = BookmarkListLinkNode::Role;
-using ::testing::ElementsAre;
 
 struct Item {  // the link nodes lie inside, not at the start
   explicit Item(int value) : value_(value) {}
@@ -44,22 +43,17 @@ TEST(IntrusiveList, RandomOperationsOnTwoQueuesMatchStdList) {
     int const v = static_cast<int>(random() % kItems), q = static_cast<int>(random() % 2);
     bool const queued = std::ranges::count(models[0], v) + std::ranges::count(models[1], v);
     unsigned const op = random() % 4;
-    switch (op) {
-      case 0:
-        if (queued)
-          Queue::unlink(*items[v]);
-        else if (random() % 2)
-          (*queues)[q].pushFront(*items[v]), models[q].push_front(v);
-        else
-          (*queues)[q].pushBack(*items[v]), models[q].push_back(v);
-        break;
-      case 1:
-        (*queues)[q].spliceToFront((*queues)[1 - q]);
-        models[q].splice(models[q].begin(), models[1 - q]);
-        break;
-      case 2:  // destroying an element unlinks it
-        items[v] = std::make_unique<Item>(v);
-        break;
+    if (op == 0 && queued) {
+      Queue::unlink(*items[v]);
+    } else if (op == 0) {
+      bool const front = random() % 2;
+      front ? (*queues)[q].pushFront(*items[v]) : (*queues)[q].pushBack(*items[v]);
+      front ? models[q].push_front(v) : models[q].push_back(v);
+    } else if (op == 1) {
+      (*queues)[q].spliceToFront((*queues)[1 - q]);
+      models[q].splice(models[q].begin(), models[1 - q]);
+    } else if (op == 2) {  // destroying an element unlinks it
+      items[v] = std::make_unique<Item>(v);
     }
     if (queued && (op == 0 || op == 2))
       models[0].remove(v), models[1].remove(v);
@@ -132,8 +126,8 @@ TEST(IntrusiveBookmarkList, WalkSurvivesUnlinkingAroundItsPosition) {
     it = registry.beginAt(bookmark);
     Registry::unlinkBookmark(bookmark);
   }
-  EXPECT_THAT(visited, ElementsAre(1, 2, 5, 6));
-  EXPECT_THAT(values(registry), ElementsAre(7, 1, 6));
+  EXPECT_THAT(visited, testing::ElementsAre(1, 2, 5, 6));
+  EXPECT_THAT(values(registry), testing::ElementsAre(7, 1, 6));
   EXPECT_EQ(registry.beginAt(parked)->value_, 1) << "skips the bookmark behind it";
 }
 

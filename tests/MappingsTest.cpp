@@ -3,8 +3,7 @@
 
 #include "SysTestSupport.h"
 
-// Vtables of the executable: kept in its full symbol table only, and placed
-// by the load bias of a position-independent executable.
+// Vtables kept only in the executable's full symbol table, placed by its load bias.
 namespace diag {
 
 struct Shape {
@@ -22,16 +21,13 @@ namespace {
 
 using Tamlo::Mappings;
 using Tamlo::Test::errorOf;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 uintptr_t at(void const* object) {
   return reinterpret_cast<uintptr_t>(object);
 }
 
-// Objects of known types, made before a fork so that the child holds them at
-// the same addresses, and words that are no vtable pointers.
+// Made before the fork, so that the child holds them at the same addresses.
 struct Objects {
   diag::Labelled labelled;
   Tamlo::RuntimeException libraryException{"made in the test"};
@@ -82,7 +78,7 @@ TEST(MappingsParseTest, MalformedLinesAreNamedWithTheirProblem) {
   };
   for (auto const& [text, message] : cases)
     EXPECT_THAT(errorOf([&] { Mappings::parse(text); }),
-                AllOf(StartsWith("Tamlo::CorruptionDetectedException: maps text: line "),
+                AllOf(testing::StartsWith("Tamlo::CorruptionDetectedException: maps text: line "),
                       HasSubstr(message)))
         << text;
 }
@@ -102,7 +98,6 @@ TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePoint
   pid_t const pid = child->pid();
   Mappings const mappings = Mappings::ofProcess(pid);
   std::pair<void const*, char const*> const cases[] = {
-      // In the executable's full symbol table, placed by its load bias.
       {&o.labelled, "diag::Labelled"},
       {static_cast<diag::Named const*>(&o.labelled), "diag::Labelled"},
       {&o.libraryException, "Tamlo::RuntimeException"},  // a shared object's dynamic symbols
@@ -117,7 +112,8 @@ TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePoint
   EXPECT_EQ(typeOf(o.plainNumber),
             fmt::format("{}0x2a at {:#x} is not a vtable pointer: no mapping holds it", notAVtable,
                         at(&o.plainNumber)));
-  EXPECT_THAT(typeOf(o.stackPointer), EndsWith("is not a vtable pointer: it points into [stack]"));
+  EXPECT_THAT(typeOf(o.stackPointer),
+              testing::EndsWith("is not a vtable pointer: it points into [stack]"));
   EXPECT_THAT(typeOf(o.functionPointer),
               HasSubstr(fmt::format("is not a vtable pointer: no vtable symbol of {} covers",
                                     std::filesystem::read_symlink("/proc/self/exe").string())));

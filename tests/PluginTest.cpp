@@ -14,7 +14,6 @@ using Tamlo::Platform::registerPlugin;
 using Tamlo::Test::assertionText;
 using testing::EndsWith;
 
-// A missing plugin's null and its trace line are checked by UtilTest's counters cases.
 TEST(PluginTest, ConcurrentLoadsByNameRegisterOnceAndShareThePlugin) {
   // A second registration would be a fatal assertion.
   std::vector<Plugin*> loaded(4, nullptr);
@@ -61,8 +60,7 @@ TEST(PluginTest, DuplicateOrNullRegistrationIsAnAssertion) {
   EXPECT_THAT(assertionText([] { registerPlugin(nullptr); }), EndsWith("null plugin registered"));
 }
 
-// Exit status of a forked child: bit 0 set when it saw isForkedChild(), bit 1
-// when forkedChildIs(false) cleared it.
+// A forked child's exit status: 1 if it saw isForkedChild(), +2 if forkedChildIs(false) cleared it.
 int forkedChildReport() {
   pid_t const pid = fork();
   if (pid == 0) {

@@ -16,9 +16,8 @@ std::string seedLine(uint32_t seed) {
   return "Tamlo::Random::setSeed(), setting seed to " + std::to_string(seed) + "\n";
 }
 
-// The helper's stdout for `seed`, computed independently of the library.
-// Unseeded, the seed reads 0, the generator has its default seed and rand()
-// is as after srand(1).
+// The helper's stdout for `seed`, computed independently of the library. Unseeded,
+// the seed reads 0, the generator has its default seed and rand() is as after srand(1).
 std::string expectedDraws(uint32_t seed, bool unseeded = false) {
   std::ostringstream out;
   out << "seed " << (unseeded ? 0 : seed) << "\n";
@@ -62,26 +61,21 @@ TEST(RandomTest, SetSeedRestartsTheSequenceThatConcurrentDrawsShareWithoutLosses
 
 // Each case in a process of its own: the seed is chosen once per process.
 TEST(RandomTest, EnvironmentSeedRepeatsARunAndMalformedOnesAreRejected) {
-  struct Row {
-    char const* mode;
-    std::string seed;
-    int exitCode;
-    std::string out, err;
-  };
-  std::vector<Row> rows = {
+  // mode, seed, exit code, out, err
+  std::vector<std::tuple<char const*, std::string, int, std::string, std::string>> rows = {
       {"sequence", "42", 0, expectedDraws(42), seedLine(42)},
       {"implicit", "7", 0, expectedDraws(7, true), ""},  // without setSeed(): silent defaults
   };
   for (std::string value : {"", "-1", "42x", "4294967296"})
-    rows.push_back({"sequence", value, 3,
-                    "Tamlo::InvalidInitializeException(\"QZTEST_RANDSEED='" + value +
-                        "' is not a decimal number from 0 to 4294967295\")\n",
-                    ""});
-  for (Row const& row : rows) {
-    auto const run = runHelper("FoundationHelper", {row.mode}, {"QZTEST_RANDSEED=" + row.seed});
-    EXPECT_EQ(run.exitCode, row.exitCode) << row.seed;
-    EXPECT_EQ(run.err, row.err);
-    EXPECT_EQ(run.out, row.out);
+    rows.emplace_back("sequence", value, 3,
+                      "Tamlo::InvalidInitializeException(\"QZTEST_RANDSEED='" + value +
+                          "' is not a decimal number from 0 to 4294967295\")\n",
+                      "");
+  for (auto const& [mode, seed, exitCode, out, err] : rows) {
+    auto const run = runHelper("FoundationHelper", {mode}, {"QZTEST_RANDSEED=" + seed});
+    EXPECT_EQ(run.exitCode, exitCode) << seed;
+    EXPECT_EQ(run.err, err);
+    EXPECT_EQ(run.out, out);
   }
   // The intended zero bytes are really there (1000 draws at 1 in 63).
   EXPECT_NE(expectedDraws(42).find('\0'), std::string::npos);

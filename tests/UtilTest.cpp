@@ -57,16 +57,14 @@ TEST(UtilTest, IntrospectionMapInsertsReplacesAndRemovesFromManyThreads) {
     thread.join();
 }
 
-TEST(UtilTest, TypeNameDemanglesOrReturnsTheInput) {
-  EXPECT_EQ(Tamlo::typeName(typeid(std::vector<int>).name()),
-            "std::vector<int, std::allocator<int> >");
+// Demangling is checked with the exception names in ExceptionTest.
+TEST(UtilTest, TypeNameReturnsWhatItCannotDemangle) {
   EXPECT_EQ(Tamlo::typeName("not a mangled name"), "not a mangled name");
 }
 
 TEST(UtilTest, CountersReachTheCountersPlugin) {
   Tamlo::Counters counters("serverStats");
   ASSERT_NE(counters.plugin(), nullptr);
-  EXPECT_STREQ(counters.plugin()->name(), "VigorCountersPlugin");
   auto const log =
       reinterpret_cast<std::string const& (*)()>(dlsym(RTLD_DEFAULT, "vigorCountersLog"));
   ASSERT_NE(log, nullptr);
@@ -132,13 +130,11 @@ TEST(UtilFileTest, FailuresNameThePathAndTheErrorAndLeakNothing) {
   if (::geteuid() != 0)
     GTEST_SKIP() << "needs root to run a child as another user";
   Util::writeFile(d + "/secret", "x", {.mode = 0600});
-  auto const asNobody = Tamlo::Test::runInChild(
-      [&] {
-        return errorOf([&] { Util::readFile(d + "/secret"); }) ==
-               "Tamlo::NoPermissionException: open " + d + "/secret: Permission denied";
-      },
-      true);
-  EXPECT_EQ(asNobody.exitCode, 1);
+  auto const asNobody = [&] {
+    return errorOf([&] { Util::readFile(d + "/secret"); }) ==
+           "Tamlo::NoPermissionException: open " + d + "/secret: Permission denied";
+  };
+  EXPECT_EQ(Tamlo::Test::runInChild(asNobody, true).exitCode, 1);
 }
 
 TEST(UtilFileTest, MkpathCreatesEveryMissingDirectoryAndReportsLikeMkdir) {
