@@ -34,7 +34,7 @@ class DirNodeTest : public testing::Test {
   Tamlo::Test::ScratchDirectory const scratch_;
 };
 
-TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinks) {
+TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinksOrThrowsForItsRoot) {
   std::string const top = "a.txt:file:0 dangling:symlink:0 fifo:other:0 ";
   std::string const links = top + "link:symlink:0 loop:symlink:0 ";
   std::string const sub = "sub:directory:0 sub/deep.txt:file:1 sub/inner:directory:1 ";
@@ -58,6 +58,10 @@ TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinks) {
     EXPECT_EQ(walkOf(walker, scratch_.path()), walk) << recursive << follow << skipSub;
     EXPECT_EQ(Tamlo::Test::openDescriptorCount(), descriptors);
   }
+  for (std::string const error : {"none: No such file or directory", "a.txt: Not a directory"})
+    EXPECT_EQ(Tamlo::Test::errorOf(
+                  [&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
+              "Tamlo::RuntimeException: opendir " + scratch_ / error);
 }
 
 TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
@@ -65,22 +69,13 @@ TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
     GTEST_SKIP() << "needs root to run a child as another user";
   fs::create_directories(scratch_ / "sub/inner/hidden");
   fs::permissions(scratch_ / "sub/inner", fs::perms::owner_all);
-  auto const asNobody = Tamlo::Test::runInChild(
-      [&] {
-        DirNode walker(scratch_ / "sub");
-        walker.recursiveIs(true);
-        return walkOf(walker, scratch_ / "sub") ==
-               "deep.txt:file:0 inner:directory:0 | inner: Permission denied ";
-      },
-      true);
-  EXPECT_EQ(asNobody.exitCode, 1);
-}
-
-TEST_F(DirNodeTest, UnreadableRootThrows) {
-  for (std::string const error : {"none: No such file or directory", "a.txt: Not a directory"})
-    EXPECT_EQ(Tamlo::Test::errorOf(
-                  [&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
-              "Tamlo::RuntimeException: opendir " + scratch_ / error);
+  auto const asNobody = [&] {
+    DirNode walker(scratch_ / "sub");
+    walker.recursiveIs(true);
+    return walkOf(walker, scratch_ / "sub") ==
+           "deep.txt:file:0 inner:directory:0 | inner: Permission denied ";
+  };
+  EXPECT_EQ(Tamlo::Test::runInChild(asNobody, true).exitCode, 1);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// The library's process-lifetime objects are kept out of leak reports when
-// HEAPCHECK is set. The child leaks one block of 4242 bytes on purpose; it
-// runs with the leak checker blind to static storage (use_globals=0), which
-// would otherwise hide the library's singletons as reachable.
+// The child leaks 4242 bytes on purpose; use_globals=0 keeps static storage from
+// hiding the library's singletons as reachable.
 
 #include <Tamlo/HeapCheck.h>
 
@@ -15,8 +13,7 @@ TEST(HeapCheckTest, ProcessLifetimeObjectsLeaveOnlyRealLeaksReported) {
       {{}, true},
       {{"HEAPCHECK="}, true},
       {{"HEAPCHECK=normal"}, false},
-      // Accepted and ignored.
-      {{"HEAPCHECK=normal", "HEAP_CHECK_TRACE_PYTHON_ARENAS=1"}, false},
+      {{"HEAPCHECK=normal", "HEAP_CHECK_TRACE_PYTHON_ARENAS=1"}, false},  // accepted, ignored
   };
   for (auto [env, libraryObjectsReported] : cases) {
     SCOPED_TRACE(testing::PrintToString(env));

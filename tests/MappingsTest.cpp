@@ -1,20 +1,14 @@
-#include <stdexcept>
-
 #include <Tamlo/Mappings.h>
 #include <Tamlo/RemoteTypeName.h>
 
 #include "SysTestSupport.h"
 
-// Vtables of the executable: kept in its full symbol table only, and placed
-// by the load bias of a position-independent executable.
+// Vtables kept only in the executable's full symbol table, placed by its load bias.
 namespace diag {
 
 struct Shape {
   virtual ~Shape() = default;
 };
-struct Circle : Shape {};
-template <typename T>
-struct Box : Shape {};
 struct Named {
   virtual ~Named() = default;
 };
@@ -28,20 +22,15 @@ namespace {
 using Tamlo::Mappings;
 using Tamlo::Test::errorOf;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 uintptr_t at(void const* object) {
   return reinterpret_cast<uintptr_t>(object);
 }
 
-// Objects of known types, made before a fork so that the child holds them at
-// the same addresses, and words that are no vtable pointers.
+// Made before the fork, so that the child holds them at the same addresses.
 struct Objects {
-  diag::Circle circle;
-  diag::Box<int> box;
   diag::Labelled labelled;
   Tamlo::RuntimeException libraryException{"made in the test"};
-  std::runtime_error standardException{"made in the test"};
   uintptr_t plainNumber = 42, stackPointer = at(__builtin_frame_address(0)),
             functionPointer = reinterpret_cast<uintptr_t>(&at);
 };
@@ -76,14 +65,11 @@ TEST(MappingsParseTest, MalformedLinesAreNamedWithTheirProblem) {
   std::pair<std::string, std::string> const cases[] = {
       {good + "\n", "maps text: line 2: empty line: \"\""},
       {"zz-2000 r-xp 0 0:0 0", "line 1: bad address range: \"zz-2000 r-xp 0 0:0 0\""},
-      {"10000000000000000-2 r-xp 0 0:0 0", "line 1: bad address range"},
       {"1000-1000 r-xp 0 0:0 0", "line 1: range start not below its end"},
       {"1000-2000 rwxq 0 0:0 0", "line 1: bad permissions"},
-      {"1000-2000  r-xp 0 0:0 0", "line 1: bad permissions"},
       {"1000-2000 r-xp g 0:0 0", "line 1: bad offset"},
       {"1000-2000 r-xp 0 08 0", "line 1: bad device"},
       {"1000-2000 r-xp 0 0:0 x", "line 1: bad inode"},
-      {"1000-2000 r-xp 0 0:0 18446744073709551616", "line 1: bad inode"},
       {"1000-2000 r-xp 0 0:0 12/lib/x", "line 1: bad path separator"},
       {good + "1800-3000 r-xp 0 0:0 0", "line 2: overlaps or precedes the mapping before it"},
       // Quotes, backslashes and unprintable bytes are escaped, long lines cut.
@@ -92,24 +78,18 @@ TEST(MappingsParseTest, MalformedLinesAreNamedWithTheirProblem) {
   };
   for (auto const& [text, message] : cases)
     EXPECT_THAT(errorOf([&] { Mappings::parse(text); }),
-                AllOf(StartsWith("Tamlo::CorruptionDetectedException: maps text: line "),
+                AllOf(testing::StartsWith("Tamlo::CorruptionDetectedException: maps text: line "),
                       HasSubstr(message)))
         << text;
-  EXPECT_EQ(errorOf([] { Mappings::parse("x", "/proc/7/maps"); }),
-            "Tamlo::CorruptionDetectedException: /proc/7/maps: line 1: bad address range: \"x\"");
 }
 
 TEST(MappingsFindTest, FindsTheMappingHoldingAnAddress) {
-  Mappings const mappings =
-      Mappings::parse("1000-2000 r--p 0 0:0 0\n2000-3000 r--p 0 0:0 0\n5000-6000 r--p 0 0:0 0");
-  std::pair<uintptr_t, int> const cases[] = {
-      // address, index or -1: none
-      {0, -1},      {0xfff, -1},  {0x1000, 0}, {0x1fff, 0},  {0x2000, 1},      {0x2fff, 1},
-      {0x3000, -1}, {0x4fff, -1}, {0x5fff, 2}, {0x6000, -1}, {UINTPTR_MAX, -1}};
-  for (auto const& [address, index] : cases)
-    EXPECT_EQ(mappings.find(address), index < 0 ? nullptr : &mappings.mappings()[index]) << address;
+  Mappings const maps = Mappings::parse("1000-2000 r--p 0 0:0 0\n2000-3000 r--p 0 0:0 0");
+  EXPECT_EQ(maps.find(0x1fff), &maps.mappings()[0]);
+  EXPECT_EQ(maps.find(0x2000), &maps.mappings()[1]);  // where one ends, the next starts
+  EXPECT_EQ(maps.find(0x3000), nullptr);
   int onTheStack = 0;
-  EXPECT_EQ(Mappings::ofSelf().find(reinterpret_cast<uintptr_t>(&onTheStack))->path, "[stack]");
+  EXPECT_EQ(Mappings::ofSelf().find(at(&onTheStack))->path, "[stack]");
 }
 
 TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePointers) {
@@ -118,13 +98,9 @@ TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePoint
   pid_t const pid = child->pid();
   Mappings const mappings = Mappings::ofProcess(pid);
   std::pair<void const*, char const*> const cases[] = {
-      // In the executable's full symbol table, placed by its load bias.
-      {&o.circle, "diag::Circle"},
-      {&o.box, "diag::Box<int>"},
+      {&o.labelled, "diag::Labelled"},
       {static_cast<diag::Named const*>(&o.labelled), "diag::Labelled"},
-      // In the dynamic symbol tables of shared objects.
-      {&o.libraryException, "Tamlo::RuntimeException"},
-      {&o.standardException, "std::runtime_error"},
+      {&o.libraryException, "Tamlo::RuntimeException"},  // a shared object's dynamic symbols
   };
   for (auto const& [object, typeName] : cases)
     EXPECT_EQ(Tamlo::remoteTypeName(pid, at(object), mappings), typeName) << typeName;
@@ -137,13 +113,10 @@ TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePoint
             fmt::format("{}0x2a at {:#x} is not a vtable pointer: no mapping holds it", notAVtable,
                         at(&o.plainNumber)));
   EXPECT_THAT(typeOf(o.stackPointer),
-              AllOf(StartsWith(notAVtable),
-                    testing::EndsWith("is not a vtable pointer: it points into [stack]")));
-  EXPECT_THAT(
-      typeOf(o.functionPointer),
-      AllOf(StartsWith(notAVtable),
-            HasSubstr(fmt::format("is not a vtable pointer: no vtable symbol of {} covers",
-                                  std::filesystem::read_symlink("/proc/self/exe").string()))));
+              testing::EndsWith("is not a vtable pointer: it points into [stack]"));
+  EXPECT_THAT(typeOf(o.functionPointer),
+              HasSubstr(fmt::format("is not a vtable pointer: no vtable symbol of {} covers",
+                                    std::filesystem::read_symlink("/proc/self/exe").string())));
   EXPECT_EQ(
       errorOf([&] { Tamlo::remoteTypeName(pid, 8); }),
       fmt::format("Tamlo::OutOfRangeException: pid {}: cannot read the word at 0x8: Bad address",
@@ -151,13 +124,11 @@ TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePoint
 
   child.reset();
   EXPECT_EQ(
-      errorOf([&] { Tamlo::remoteTypeName(pid, at(&o.circle), mappings); }),
+      errorOf([&] { Tamlo::remoteTypeName(pid, at(&o.labelled), mappings); }),
       fmt::format("Tamlo::RuntimeException: pid {}: cannot read the word at {:#x}: No such process",
-                  pid, at(&o.circle)));
-  std::string const gone = fmt::format(
-      "Tamlo::RuntimeException: cannot read the mappings of pid {0}: /proc/{0}/maps: No such file "
-      "or directory",
-      pid);
-  EXPECT_EQ(errorOf([&] { Mappings::ofProcess(pid); }), gone);
-  EXPECT_EQ(errorOf([&] { Tamlo::remoteTypeName(pid, at(&o.circle)); }), gone);
+                  pid, at(&o.labelled)));
+  EXPECT_EQ(errorOf([&] { Tamlo::remoteTypeName(pid, at(&o.labelled)); }),
+            fmt::format("Tamlo::RuntimeException: cannot read the mappings of pid {0}: "
+                        "/proc/{0}/maps: No such file or directory",
+                        pid));
 }

@@ -16,9 +16,8 @@ std::string seedLine(uint32_t seed) {
   return "Tamlo::Random::setSeed(), setting seed to " + std::to_string(seed) + "\n";
 }
 
-// The helper's stdout for `seed`, computed independently of the library.
-// Unseeded, the seed reads 0, the generator has its default seed and rand()
-// is as after srand(1).
+// The helper's stdout for `seed`, computed independently of the library. Unseeded,
+// the seed reads 0, the generator has its default seed and rand() is as after srand(1).
 std::string expectedDraws(uint32_t seed, bool unseeded = false) {
   std::ostringstream out;
   out << "seed " << (unseeded ? 0 : seed) << "\n";
@@ -35,61 +34,48 @@ std::string expectedDraws(uint32_t seed, bool unseeded = false) {
   return out.str();
 }
 
-// The sequence itself: EnvironmentSeedRepeatsARun.
-TEST(RandomTest, SetSeedPrintsTheSeedAndRestartsTheSequence) {
+TEST(RandomTest, SetSeedRestartsTheSequenceThatConcurrentDrawsShareWithoutLosses) {
   testing::internal::CaptureStderr();
   Random::setSeed();
   uint32_t const seed = Random::getSeed();
   (void)Random::rand64();
   Random::setSeed();  // the same seed again, not a new one
   EXPECT_EQ(testing::internal::GetCapturedStderr(), seedLine(seed) + seedLine(seed));
-  EXPECT_EQ(Random::rand64(), std::mt19937_64(seed)());
-  EXPECT_EQ(Random::randomString(0), "");
-}
-
-TEST(RandomTest, ConcurrentDrawsShareOneSequenceWithoutLosses) {
-  testing::internal::CaptureStderr();
-  Random::setSeed();
-  testing::internal::GetCapturedStderr();
   constexpr int threads = 4, perThread = 2000;
-  std::vector<std::vector<uint64_t>> drawn(threads);
+  std::vector<uint64_t> drawn[threads], all, expected(threads * perThread);
   std::vector<std::thread> workers;
   for (int t = 0; t < threads; ++t)
     workers.emplace_back([&drawn, t] {
       for (int i = 0; i < perThread; ++i)
         drawn[t].push_back(Random::rand64());
     });
-  std::vector<uint64_t> all, expected;
   for (int t = 0; t < threads; ++t) {
     workers[t].join();
     all.insert(all.end(), drawn[t].begin(), drawn[t].end());
   }
-  std::mt19937_64 reference(Random::getSeed());
-  for (int i = 0; i < threads * perThread; ++i)
-    expected.push_back(reference());
-  std::sort(all.begin(), all.end());
-  std::sort(expected.begin(), expected.end());
+  std::ranges::generate(expected, std::mt19937_64(seed));
+  std::ranges::sort(all);
+  std::ranges::sort(expected);
   EXPECT_EQ(all, expected);
 }
 
 // Each case in a process of its own: the seed is chosen once per process.
-TEST(RandomTest, EnvironmentSeedRepeatsARun) {
-  struct Row {
-    char const* mode;
-    char const* seed;
-    std::string out, err;
-  } const rows[] = {
-      {"sequence", "42", expectedDraws(42), seedLine(42)},
-      {"sequence", "42", expectedDraws(42), seedLine(42)},  // again: the same run
-      {"sequence", "4294967295", expectedDraws(4294967295u), seedLine(4294967295u)},
-      {"implicit", "7", expectedDraws(7, true), ""},  // without setSeed(): silent defaults
+TEST(RandomTest, EnvironmentSeedRepeatsARunAndMalformedOnesAreRejected) {
+  // mode, seed, exit code, out, err
+  std::vector<std::tuple<char const*, std::string, int, std::string, std::string>> rows = {
+      {"sequence", "42", 0, expectedDraws(42), seedLine(42)},
+      {"implicit", "7", 0, expectedDraws(7, true), ""},  // without setSeed(): silent defaults
   };
-  for (Row const& row : rows) {
-    auto const run =
-        runHelper("FoundationHelper", {row.mode}, {std::string("QZTEST_RANDSEED=") + row.seed});
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_EQ(run.err, row.err);
-    EXPECT_EQ(run.out, row.out);
+  for (std::string value : {"", "-1", "42x", "4294967296"})
+    rows.emplace_back("sequence", value, 3,
+                      "Tamlo::InvalidInitializeException(\"QZTEST_RANDSEED='" + value +
+                          "' is not a decimal number from 0 to 4294967295\")\n",
+                      "");
+  for (auto const& [mode, seed, exitCode, out, err] : rows) {
+    auto const run = runHelper("FoundationHelper", {mode}, {"QZTEST_RANDSEED=" + seed});
+    EXPECT_EQ(run.exitCode, exitCode) << seed;
+    EXPECT_EQ(run.err, err);
+    EXPECT_EQ(run.out, out);
   }
   // The intended zero bytes are really there (1000 draws at 1 in 63).
   EXPECT_NE(expectedDraws(42).find('\0'), std::string::npos);
@@ -97,22 +83,11 @@ TEST(RandomTest, EnvironmentSeedRepeatsARun) {
 
 TEST(RandomTest, WithoutTheVariableTheSeedComesFromTheClock) {
   auto const run = runHelper("FoundationHelper", {"sequence"}, {}, {"QZTEST_RANDSEED"});
-  ASSERT_EQ(run.exitCode, 0);
   ASSERT_EQ(run.out.rfind("seed ", 0), 0u) << run.out;
   uint32_t const seed = static_cast<uint32_t>(std::stoul(run.out.substr(5)));
   EXPECT_LT(seed, 1000000000u);  // the nanoseconds field of a timespec
   EXPECT_EQ(run.err, seedLine(seed));
   EXPECT_EQ(run.out, expectedDraws(seed));
-}
-
-TEST(RandomTest, MalformedSeedIsRejectedWithTheValue) {
-  for (std::string value : {"abc", "", "-1", "42x", " 42", "4294967296", "99999999999999999999"}) {
-    auto const run = runHelper("FoundationHelper", {"sequence"}, {"QZTEST_RANDSEED=" + value});
-    EXPECT_EQ(run.exitCode, 3) << value;
-    EXPECT_EQ(run.out, "Tamlo::InvalidInitializeException(\"QZTEST_RANDSEED='" + value +
-                           "' is not a decimal number from 0 to 4294967295\")\n");
-    EXPECT_EQ(run.err, "");
-  }
 }
 
 }  // namespace

@@ -3,12 +3,9 @@
 
 namespace {
 
-class GoodPlugin final : public Tamlo::Platform::Plugin {
- public:
+struct GoodPlugin final : Tamlo::Platform::Plugin {
   GoodPlugin() { Tamlo::Platform::registerPlugin(this); }
   char const* name() const override { return "PluginTestGood"; }
-};
-
-GoodPlugin plugin;
+} plugin;
 
 }  // namespace

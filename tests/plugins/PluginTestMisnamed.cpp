@@ -1,15 +1,11 @@
-// A plugin that loads as libPluginTestMisnamed.so but registers under
-// another name, so loading it by its file name must fail.
+// Loads as libPluginTestMisnamed.so but registers under another name.
 #include <Tamlo/Plugin.h>
 
 namespace {
 
-class MisnamedPlugin final : public Tamlo::Platform::Plugin {
- public:
+struct MisnamedPlugin final : Tamlo::Platform::Plugin {
   MisnamedPlugin() { Tamlo::Platform::registerPlugin(this); }
   char const* name() const override { return "PluginTestOtherName"; }
-};
-
-MisnamedPlugin plugin;
+} plugin;
 
 }  // namespace

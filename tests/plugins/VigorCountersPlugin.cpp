@@ -1,33 +1,22 @@
-// A stand-in for the counters plugin: records every call so that tests can
-// check what Tamlo::Counters hands over.
+// A stand-in for the counters plugin: logs every call to a text that the
+// tests read through the exported vigorCountersLog().
 #include <Tamlo/Counters.h>
-
-#include "VigorCountersRecord.h"
+#include <fmt/format.h>
 
 namespace {
 
-class RecordingCountersPlugin final : public Tamlo::CountersPlugin {
- public:
-  RecordingCountersPlugin() { Tamlo::Platform::registerPlugin(this); }
-
+struct LoggingCountersPlugin final : Tamlo::CountersPlugin {
+  LoggingCountersPlugin() { Tamlo::Platform::registerPlugin(this); }
   char const* name() const override { return "VigorCountersPlugin"; }
-  void openCounterSet(char const* counterSetName) override {
-    record_.openedSets.emplace_back(counterSetName);
+  void openCounterSet(char const* name) override { log += fmt::format("open {}\n", name); }
+  void addCounter(char const* name, uint64_t* at) override {
+    log += fmt::format("add {} {}\n", name, static_cast<void*>(at));
   }
-  void addCounter(char const* counterName, uint64_t* location) override {
-    record_.counters.emplace_back(counterName, location);
-  }
-
-  Tamlo::Test::VigorCountersRecord* record() { return &record_; }
-
- private:
-  Tamlo::Test::VigorCountersRecord record_;
-};
-
-RecordingCountersPlugin plugin;
+  std::string log;
+} plugin;
 
 }  // namespace
 
-extern "C" Tamlo::Test::VigorCountersRecord* vigorCountersRecordForTest() {
-  return plugin.record();
+extern "C" std::string const& vigorCountersLog() {
+  return plugin.log;
 }
