@@ -1,5 +1,4 @@
-// Shared by the scheduler tests: a task running a body given by the test, and
-// bodies that write the order of runs into a journal.
+// Shared by the scheduler tests: a task running a body given by the test.
 #pragma once
 
 #include <sys/mman.h>
@@ -37,8 +36,7 @@ inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> sch
   return makeShared<FunctionTask>(std::move(scheduler), priority, name, std::move(body));
 }
 
-// A new root that measures runs in virtual time: fast-forward is switched on
-// before it is built (the caller switches it off).
+// A root that measures runs in virtual time; the caller switches fast-forward off.
 inline std::shared_ptr<TaskSchedulerRoot> virtualTimeRoot(std::string const& name) {
   Platform::setFastForward(true);
   return TaskSchedulerRoot::TaskSchedulerRootIs(name);
@@ -55,24 +53,6 @@ inline FunctionTask::Body journalRuns(std::string& journal, uint64_t runs) {
     if (task.taskRunCount() < runs)
       task.scheduleTask();
   };
-}
-
-// Journals the task's name and schedules it again until the journal holds
-// `length` names; a run that finds it full does nothing.
-inline FunctionTask::Body journalUpTo(std::string& journal, size_t length) {
-  return [&journal, length](FunctionTask& task) {
-    if (journal.size() >= length)
-      return;
-    journal += task.taskName();
-    task.scheduleTask();
-  };
-}
-
-inline std::string repeated(std::string const& text, int times) {
-  std::string result;
-  for (int i = 0; i < times; ++i)
-    result += text;
-  return result;
 }
 
 // Reads to the end, or until a non-blocking descriptor has nothing more.

@@ -1,19 +1,18 @@
-// The scheduler core through the real event loop: order of runs under mixed
-// priorities, one task per loop callback, suspension, virtual time,
-// statistics and their incremental reset, the owning-thread check, run-queue
-// moves, history, and that roots and tasks leave nothing behind.
+// The scheduler core through the real event loop: order of runs, suspension,
+// virtual time, statistics, the owning-thread check, run-queue moves, history,
+// and that roots and tasks leave nothing behind.
 #include <Tamlo/TaskScheduler.h>
 
 #include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
 #include <stdexcept>
 
 #include <Tamlo/Allocator.h>
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
+#include <Tamlo/TaskGroup.h>
 #include <Tamlo/Thread.h>
 
 #include "SchedulerTestSupport.h"
@@ -30,16 +29,27 @@ using ::testing::EndsWith;
 using EventType = Tamlo::TaskSchedulerHistory::EventType;
 using Mode = Tamlo::TaskImpl::TaskShouldYieldMode;
 
-// The displays of the recorded events, oldest first.
+// The displays of the recorded events, oldest first, without their padding.
 std::vector<std::string> historyDisplays(TaskSchedulerRoot const& root) {
   std::vector<std::string> displays;
-  for (size_t i = root.history()->eventCount(); i-- > 0;)
-    displays.push_back(root.history()->event(i).display());
+  for (size_t i = root.history()->eventCount(); i-- > 0;) {
+    std::string& display = displays.emplace_back(root.history()->event(i).display());
+    display.erase(std::unique(display.begin(), display.end(),
+                              [](char a, char b) { return a == ' ' && b == ' '; }),
+                  display.end());
+  }
   return displays;
 }
 
 size_t eventsOf(TaskSchedulerRoot const& root, std::string const& display) {
   return std::ranges::count(historyDisplays(root), display);
+}
+
+std::string repeated(std::string const& text, int times) {
+  std::string result;
+  while (times-- > 0)
+    result += text;
+  return result;
 }
 
 class TaskSchedulerTest : public ::testing::Test {
@@ -48,38 +58,30 @@ class TaskSchedulerTest : public ::testing::Test {
   std::shared_ptr<TaskSchedulerRoot> const root_ = TaskSchedulerRoot::TaskSchedulerRootIs("test");
 };
 
-// ---- The order of runs ----
-
 TEST_F(TaskSchedulerTest, PicksUnderMixedPriorities) {
   // A level gives one pick to the next after nine in a row (8 x 1 x c > 64
   // first holds at c = 9), cascading; absolute and scavenge never take part.
-  std::map<char, TaskPriority> const priorities = {
-      {'A', TaskPriority::absolute}, {'B', TaskPriority::absolute}, {'H', TaskPriority::high},
-      {'N', TaskPriority::normal},   {'L', TaskPriority::low},      {'S', TaskPriority::scavenge}};
   std::string const cascade = repeated("HHHHHHHHN", 9) + "HHHHHHHHL";
-  struct {
-    std::string scheduled;
-    size_t length;
-    std::string expected;
-  } const cases[] = {{"NH", 40, repeated("HHHHHHHHHN", 4)},
-                     {"LN", 30, repeated("NNNNNNNNNL", 3)},
-                     {"HNL", 180, cascade + cascade},
-                     {"NAB", 42, repeated("AB", 21)},
-                     {"SH", 32, repeated("H", 32)}};
-  for (auto const& c : cases) {
+  std::pair<std::string, std::string> const rows[] = {{"HNL", cascade + cascade},
+                                                      {"NAB", repeated("AB", 21) + "N"},
+                                                      {"SH", repeated("H", 32) + "S"}};
+  for (auto const& [scheduled, expected] : rows) {
     std::string journal;
     std::vector<std::shared_ptr<FunctionTask>> tasks;
-    for (char name : c.scheduled) {
-      tasks.push_back(makeTask(root_, priorities.at(name), std::string(1, name),
-                               journalUpTo(journal, c.length)));
+    for (char name : scheduled) {
+      // A and B are both absolute.
+      TaskPriority const priority(
+          uint8_t(std::string_view("AHNLS").find(name == 'B' ? 'A' : name)));
+      tasks.push_back(makeTask(root_, priority, std::string(1, name),
+                               journalRuns(journal, std::ranges::count(expected, name))));
       tasks.back()->scheduleTask();
     }
     runLoop();
-    EXPECT_EQ(journal, c.expected) << c.scheduled;
+    EXPECT_EQ(journal, expected) << scheduled;
   }
 }
 
-// Journals its calls and asks for the next one until `calls` are made.
+// Journals "x" per call and asks for the next one until `calls` are made.
 struct ForeignEvent : Tamlo::Platform::CallbackHandler {
   ForeignEvent(std::string& journal, int calls) : journal(journal), callsLeft(calls) {
     control->requestCallback();
@@ -105,29 +107,7 @@ TEST_F(TaskSchedulerTest, EveryLoopCallbackRunsExactlyOneTask) {
   runLoop();
   ASSERT_EQ(journal.size(), 41u);
   EXPECT_EQ(journal.find("TT"), std::string::npos) << journal;
-  // Turns stop once a turn finds nothing.
-  EXPECT_FALSE(root_->schedulerHasRunnableTasks());
-  EXPECT_FALSE(root_->schedulerRunPending());
-}
-
-// ---- Suspension and virtual time ----
-
-TEST_F(TaskSchedulerTest, RunRequestedWhileSuspendedIsDroppedAndRecorded) {
-  std::string journal;
-  auto const task = makeTask(root_, TaskPriority::normal, "T", journalRuns(journal, 1));
-  task->scheduleTask();
-  root_->suspendedIs(true);
-  root_->suspendedIs(true);
-  runLoop();
-  EXPECT_EQ(journal, "");
-  EXPECT_TRUE(task->taskScheduled());
-  EXPECT_FALSE(root_->schedulerRunPending()) << "a dropped run asks for no other";
-  EXPECT_EQ(root_->history()->event(0).eventType(), EventType::schedulerRunIgnoredWhileSuspended);
-  EXPECT_EQ(eventsOf(*root_, "schedulerSuspended test"), 1u);
-  root_->suspendedIs(false);
-  EXPECT_TRUE(root_->schedulerRunPending());
-  runLoop();
-  EXPECT_EQ(journal, "T");
+  EXPECT_FALSE(root_->schedulerRunPending()) << "turns stop once a turn finds nothing";
 }
 
 TEST_F(TaskSchedulerTest, VirtualTimeFollowsFastForwardAtEachTurn) {
@@ -135,34 +115,30 @@ TEST_F(TaskSchedulerTest, VirtualTimeFollowsFastForwardAtEachTurn) {
   auto const task = makeTask(root_, TaskPriority::normal, "T", [&modes](FunctionTask& self) {
     modes.push_back(self.taskShouldYieldMode());
   });
-  Tamlo::Platform::setFastForward(true);
-  task->scheduleTask();
-  runLoop();
-  EXPECT_TRUE(root_->virtualTime());
-  root_->virtualTimeIs(true);  // recorded even when it changes nothing
-  EXPECT_EQ(eventsOf(*root_, "schedulerVirtualTimeOn test"), 2u);
-
-  Tamlo::Platform::setFastForward(false);
-  task->scheduleTask();
-  runLoop();
-  EXPECT_FALSE(root_->virtualTime());
+  for (bool const on : {true, false}) {
+    Tamlo::Platform::setFastForward(on);
+    task->scheduleTask();
+    runLoop();
+    EXPECT_EQ(root_->virtualTime(), on);
+  }
   EXPECT_THAT(modes, ElementsAre(Mode::virtualTime, Mode::realTime));
+  root_->virtualTimeIs(false);  // recorded even when it changes nothing
+  EXPECT_EQ(eventsOf(*root_, "schedulerVirtualTimeOff test"), 2u);
 }
 
-// ---- Statistics ----
-
-TEST_F(TaskSchedulerTest, RunsAndCompletedTasksAreCounted) {
+TEST_F(TaskSchedulerTest, RunsAndCompletedTasksAreCountedAndResetAcrossRuns) {
   std::string journal;
   auto reader = makeTask(root_, TaskPriority::normal, "reader", journalRuns(journal, 3));
   auto other = makeTask(root_, TaskPriority::normal, "reader2", journalRuns(journal, 1));
   auto const writer = makeTask(root_, TaskPriority::high, "writer", journalRuns(journal, 2));
+  auto const idle = makeTask(root_, TaskPriority::high, "idle");
   auto quiet = makeTask(root_, TaskPriority::normal, "quiet");
   quiet->includeInCompletedTaskIs(false);
   other->taskStatsNameIs("reader");
+  writer->taskWorkCountInc(7);
   for (FunctionTask* task : {reader.get(), other.get(), writer.get()})
     task->scheduleTask();
   runLoop();
-
   EXPECT_EQ(root_->runTaskCount(TaskPriority::normal), 4u);
   EXPECT_EQ(root_->runTaskCount(TaskPriority::high), 2u);
   other->scheduleTask();
@@ -170,184 +146,98 @@ TEST_F(TaskSchedulerTest, RunsAndCompletedTasksAreCounted) {
   other.reset();
   quiet.reset();
   EXPECT_EQ(root_->runnableTaskCount(TaskPriority::normal), 0u) << "a destroyed task is unqueued";
-  EXPECT_EQ(root_->tasksPerPriority(TaskPriority::normal), 0u);
   EXPECT_EQ(root_->completedTasksPerPriority(TaskPriority::normal), 2u) << "quiet is left out";
   ASSERT_EQ(root_->completedTaskStats().size(), 1u);
   Tamlo::TaskStat const& completed = root_->completedTaskStats().begin()->second;
   EXPECT_EQ(completed.taskCompletedCount(), 2u);
   EXPECT_EQ(completed.taskRunCount(), 4u);
-
   Tamlo::TaskSchedulerQueueStats stats = root_->queueStats();
-  Tamlo::TaskSchedulerPriorityStats const& normal = stats.at(TaskPriority::normal);
-  EXPECT_EQ(normal.completedTasks, 2u);
-  EXPECT_EQ(stats.at(TaskPriority::high).idleTasks, 1u);
+  EXPECT_EQ(stats.at(TaskPriority::high).idleTasks, 2u);
   Tamlo::TaskSchedulerPriorityStats high{TaskPriority::high};
-  EXPECT_THAT(assertionText([&] { high += normal; }), EndsWith("high != normal"));
-
-  root_->clearStats();
-  EXPECT_EQ(root_->runTaskCount(TaskPriority::normal) + root_->runTaskCount(TaskPriority::high),
-            0u);
-  EXPECT_TRUE(root_->completedTaskStats().empty());
-  EXPECT_EQ(writer->taskRunCount(), 0u);
-}
-
-TEST_F(TaskSchedulerTest, IncrementalResetSpansRunsAndClearsTheSchedulerAtTheEnd) {
-  std::string journal;
-  std::vector<std::shared_ptr<FunctionTask>> tasks;
-  for (int i = 0; i < 5; ++i) {
-    tasks.push_back(
-        makeTask(root_, TaskPriority::normal, fmt::format("t{}", i), journalRuns(journal, 2)));
-    tasks.back()->taskWorkCountInc(7);
-    tasks.back()->scheduleTask();
-  }
-  makeTask(root_, TaskPriority::low, "gone", journalRuns(journal, 1))->taskRunFromTest();
-  runLoop();
-  ASSERT_EQ(root_->completedTaskStats().size(), 1u);
+  EXPECT_THAT(assertionText([&] { high += stats.at(TaskPriority::normal); }),
+              EndsWith("high != normal"));
 
   // Every second taskShouldYield() says yes, and the first task of a run is
-  // reset without asking: two tasks per run.
+  // reset without asking: two of the three tasks (the reset task included) per run.
   root_->taskTestYieldRatioIs(2);
   root_->clearHistory();
   root_->resetStats();
-  EXPECT_TRUE(root_->resetStatsInProgress());
   EXPECT_EQ(root_->completedTaskStats().size(), 1u) << "cleared only at the end of the walk";
   runLoop();
   EXPECT_FALSE(root_->resetStatsInProgress());
-  // Five tasks and the reset task itself.
-  EXPECT_EQ(eventsOf(*root_, "run start    N test;ResetStats"), 3u);
-  for (auto const& task : tasks) {
-    EXPECT_EQ(task->taskRunCount(), 0u) << task->taskName();
-    EXPECT_FALSE(task->taskWorkCountHighWaterMark().hasValue());
-  }
+  EXPECT_EQ(eventsOf(*root_, "run start N test;ResetStats"), 2u);
+  EXPECT_FALSE(writer->taskRunCount() || writer->taskWorkCountHighWaterMark().hasValue());
   EXPECT_TRUE(root_->completedTaskStats().empty());
-  EXPECT_EQ(root_->runTaskCount(TaskPriority::normal) + root_->runTaskCount(TaskPriority::low), 0u);
+  EXPECT_EQ(root_->runTaskCount(TaskPriority::normal) + root_->runTaskCount(TaskPriority::high),
+            0u);
+  writer->taskRunFromTest();
+  root_->clearStats();
+  EXPECT_EQ(writer->taskRunCount(), 0u);
 }
 
 TEST_F(TaskSchedulerTest, PrioritiesBeyondScavengeHaveNoQueue) {
   TaskPriority const beyond(uint8_t{5});
-  for (std::function<void()> const& call : std::vector<std::function<void()>>{
-           [&] { root_->runnableTaskCount(beyond); }, [&] { root_->runTaskCount(beyond); },
-           [&] { makeTask(root_, beyond, "bad"); }})
-    EXPECT_THAT(assertionText(call), EndsWith("Priority: 5 has no run queue"));
+  EXPECT_THAT(assertionText([&] { makeTask(root_, beyond, "bad"); }),
+              EndsWith("Priority: 5 has no run queue"));
   EXPECT_EQ(root_->registeredTaskCount(), 0u);
-  EXPECT_FALSE(root_->attemptLowerPriorityBump(beyond, 1000));
 }
 
-// ---- Schedulers under the root ----
-
-// Registered under a root without being its own event-loop client, as task
-// groups are.
-class SideScheduler : public TaskScheduler {
- public:
-  explicit SideScheduler(std::shared_ptr<TaskSchedulerRoot> root)
-      : TaskScheduler("side", root.get(), root->history()), owner_(std::move(root)) {
-    owner_->registerScheduler(this);
-  }
-  ~SideScheduler() override {
-    destroyResetStatsTask();
-    owner_->unregisterScheduler(this);
-  }
-  void requestSchedulerRun() override { ++runRequests; }
-  void handleTaskForceYieldInTest() override { ++forceYieldChanges; }
-
-  int runRequests = 0;
-  int forceYieldChanges = 0;
-
- private:
-  std::shared_ptr<TaskSchedulerRoot> owner_;
-};
-
+// A task group is a scheduler registered under the root that is not its own
+// event-loop client.
 TEST_F(TaskSchedulerTest, RootSpeaksForEveryRegisteredScheduler) {
-  auto const side = std::make_shared<SideScheduler>(root_);
+  auto const side = Tamlo::TaskGroup::TaskGroupIs("side", TaskPriority::normal, false, root_);
   auto const sideTask = makeTask(side, TaskPriority::low, "s1");
   auto const sideTask2 = makeTask(side, TaskPriority::low, "s2");
-  auto const rootTask = makeTask(root_, TaskPriority::normal, "r");
-  EXPECT_EQ(root_->totalRegisteredTaskCount(), 3u);
+  EXPECT_EQ(root_->totalRegisteredTaskCount(), 3u) << "two and the group's parent task";
   sideTask->scheduleTask();
-  EXPECT_EQ(side->runRequests, 1);
-  EXPECT_FALSE(root_->schedulerRunPending());
   EXPECT_EQ(root_->queueStatsRoot().at(TaskPriority::low).runnableTasks, 1u);
 
-  // The root's ratio reaches every scheduler's tasks; a scheduler hears when
-  // its set of forced tasks turns non-empty and when it turns empty.
+  // The root's ratio reaches every scheduler's tasks.
   root_->taskTestYieldRatioIs(2);
   EXPECT_EQ(sideTask2->taskTestYieldRatioEffective(), 2);
   EXPECT_EQ(side->taskForceYieldInTestCount(), 2u);
-  EXPECT_EQ(side->forceYieldChanges, 1);
   root_->taskTestYieldRatioIs(0);
-  EXPECT_EQ(side->forceYieldChanges, 2);
   EXPECT_EQ(sideTask2->taskShouldYieldMode(), Mode::realTime);
 
-  // With a ratio of 3 the side's reset task gets through its three tasks
-  // (itself included) in one run.
-  root_->taskTestYieldRatioIs(3);
   side->resetStats();
   EXPECT_TRUE(root_->resetStatsInProgress());
   EXPECT_FALSE(root_->TaskScheduler::resetStatsInProgress());
-  side->handleSchedulerRun();
+  runLoop();
   EXPECT_FALSE(root_->resetStatsInProgress());
-  EXPECT_TRUE(sideTask->taskScheduled()) << "the low task waited behind the normal reset task";
-
   EXPECT_THAT(assertionText([&] { root_->registerScheduler(side.get()); }),
               EndsWith("insert failed for side"));
-  auto const stray = std::make_shared<SideScheduler>(root_);
-  root_->unregisterScheduler(stray.get());
-  EXPECT_THAT(assertionText([&] { root_->unregisterScheduler(stray.get()); }),
-              EndsWith("delete failed for side"));
-  root_->registerScheduler(stray.get());
 }
 
-TEST_F(TaskSchedulerTest, RandomPercentsAreRepeatableFromAFreshRoot) {
-  auto const other = TaskSchedulerRoot::TaskSchedulerRootIs("other");
-  std::vector<uint32_t> mine, theirs;
-  for (int i = 0; i < 50; ++i) {
-    mine.push_back(root_->randomPercent());
-    theirs.push_back(other->randomPercent());
-  }
-  EXPECT_EQ(mine, theirs);
-  EXPECT_THAT(mine, ::testing::Contains(::testing::Ne(mine.front())));
-}
-
-// ---- The owning thread ----
-
-TEST_F(TaskSchedulerTest, OtherThreadsAreRefusedWithBothThreadsNamed) {
-  auto const task = makeTask(root_, TaskPriority::normal, "T");
-  unsigned long intruder = 0;
+TEST_F(TaskSchedulerTest, OtherThreadsAreRefusedUnlessTheCheckIsOffOrTheyAreAuxiliary) {
+  std::string journal;
+  std::vector<std::shared_ptr<FunctionTask>> tasks;
+  for (char const* name : {"a", "b", "c"})
+    tasks.push_back(makeTask(root_, TaskPriority::normal, name, journalRuns(journal, 1)));
+  tasks[0]->scheduleTask();  // so that the other threads only queue
   std::vector<std::string> failures;
-  std::thread([&] {
-    Tamlo::threadNameIs("intruder");
-    intruder = static_cast<unsigned long>(pthread_self());
-    failures.push_back(assertionText([&] { task->scheduleTask(); }));
-    failures.push_back(assertionText([&] { task->taskScheduled(); }));
-    failures.push_back(assertionText([&] { makeTask(root_, TaskPriority::normal, "late"); }));
-  }).join();
+  unsigned long intruder = 0;
+  auto const scheduleElsewhere = [&](FunctionTask& task) {
+    std::thread([&] {
+      Tamlo::threadNameIs("intruder");
+      intruder = intruder ? intruder : static_cast<unsigned long>(pthread_self());
+      failures.push_back(assertionText([&] { task.scheduleTask(); }));
+    }).join();
+  };
+  scheduleElsewhere(*tasks[1]);
+  root_->threadSanityDisabledIs(true);
+  scheduleElsewhere(*tasks[1]);
+  root_->threadSanityDisabledIs(false);
+  ++auxThreadCount;
+  scheduleElsewhere(*tasks[2]);
+  --auxThreadCount;
   std::string const expected = fmt::format(
       "Executing in wrong thread {}(intruder) pid {} scheduler belongs to thread {}({}) pid {}",
       intruder, getpid(), static_cast<unsigned long>(root_->thread()), root_->ownerThreadName(),
       getpid());
-  EXPECT_THAT(failures, ElementsAre(EndsWith(expected), EndsWith(expected), EndsWith(expected)));
-}
-
-TEST_F(TaskSchedulerTest, ThreadCheckYieldsToTheSwitchAndToAuxiliaryThreads) {
-  std::string journal;
-  auto const first = makeTask(root_, TaskPriority::normal, "a", journalRuns(journal, 1));
-  auto const second = makeTask(root_, TaskPriority::normal, "b", journalRuns(journal, 1));
-  auto const third = makeTask(root_, TaskPriority::normal, "c", journalRuns(journal, 1));
-  first->scheduleTask();  // so that the other threads only queue
-  std::string failure;
-  root_->threadSanityDisabledIs(true);
-  std::thread([&] { failure = assertionText([&] { second->scheduleTask(); }); }).join();
-  EXPECT_EQ(failure, "(no assertion)");
-  root_->threadSanityDisabledIs(false);
-  ++auxThreadCount;
-  std::thread([&] { failure = assertionText([&] { third->scheduleTask(); }); }).join();
-  --auxThreadCount;
-  EXPECT_EQ(failure, "(no assertion)");
+  EXPECT_THAT(failures, ElementsAre(EndsWith(expected), "(no assertion)", "(no assertion)"));
   runLoop();
   EXPECT_EQ(journal, "abc");
 }
-
-// ---- Run-queue moves ----
 
 TEST_F(TaskSchedulerTest, TemporaryRunQueueHoldsBackNewTasksAndReturnsLeftoversInFront) {
   std::string journal;
@@ -358,16 +248,13 @@ TEST_F(TaskSchedulerTest, TemporaryRunQueueHoldsBackNewTasksAndReturnsLeftoversI
   for (int i : {0, 1, 0})
     tasks[i]->scheduleTask();
   root_->taskRunQueuesMovePersistentToTemporary();
-  EXPECT_TRUE(root_->taskRunQueue(TaskPriority::normal).temporaryActive());
   tasks[2]->scheduleTask();
   EXPECT_THAT(assertionText([&] { root_->taskRunQueuesMovePersistentToTemporary(); }),
               EndsWith("The temporary run queue should always be empty at this point"));
   runLoop();
   EXPECT_EQ(journal, "ab");
   EXPECT_TRUE(tasks[2]->taskScheduled());
-  EXPECT_EQ(root_->runnableTaskCount(TaskPriority::normal), 1u);
   root_->taskRunQueuesMoveTemporaryToPersistent();
-  EXPECT_FALSE(root_->taskRunQueue(TaskPriority::normal).temporaryActive());
 
   // c goes to the temporary queue, d to the persistent one behind it.
   root_->taskRunQueuesMovePersistentToTemporary();
@@ -377,10 +264,9 @@ TEST_F(TaskSchedulerTest, TemporaryRunQueueHoldsBackNewTasksAndReturnsLeftoversI
   EXPECT_EQ(journal, "abcd");
 }
 
-// ---- History ----
-
 // Suspending a queued task unqueues it; unsuspending queues it again, whether
-// or not it was scheduled meanwhile.
+// or not it was scheduled meanwhile. A suspended root drops the run it is
+// asked for, and unsuspending it asks again.
 TEST_F(TaskSchedulerTest, HistoryRecordsAKnownSequence) {
   auto worker = makeTask(root_, TaskPriority::normal, "worker");
   worker->scheduleTask();
@@ -390,28 +276,29 @@ TEST_F(TaskSchedulerTest, HistoryRecordsAKnownSequence) {
   worker->scheduleTask();
   runLoop();
   worker->taskSuspendedIs(false);
+  root_->suspendedIs(true);
+  root_->suspendedIs(true);
+  runLoop();
+  EXPECT_FALSE(root_->schedulerRunPending()) << "a dropped run asks for no other";
+  root_->suspendedIs(false);
   runLoop();
   worker->taskSuspendedIs(true);
   worker->taskSuspendedIs(false);
   worker->unscheduleTask();
   worker.reset();
   runLoop();
-  std::vector<std::string> const expected = {
-      "create       N worker",  "schedule     N worker", "schedulerRunnable test",
-      "busy         N worker",  "run start    N worker", "run end      N worker",
-      "idle         N worker",  "schedulerIdle test",    "schedule     N worker",
-      "schedulerRunnable test", "busy         N worker", "suspendOn    N worker",
-      "unschedule   N worker",  "idle         N worker", "scheduleSus  N worker",
-      "schedulerIdle test",     "suspendOff   N worker", "schedule     N worker",
-      "schedulerRunnable test", "busy         N worker", "run start    N worker",
-      "run end      N worker",  "idle         N worker", "schedulerIdle test",
-      "suspendOn    N worker",  "suspendOff   N worker", "schedule     N worker",
-      "schedulerRunnable test", "busy         N worker", "unschedule   N worker",
-      "idle         N worker",  "delete       N worker", "schedulerIdle test"};
-  EXPECT_EQ(historyDisplays(*root_), expected);
+  EXPECT_EQ(fmt::format("{}", fmt::join(historyDisplays(*root_), ",")),
+            "create N worker,schedule N worker,schedulerRunnable test,busy N worker,"
+            "run start N worker,run end N worker,idle N worker,schedulerIdle test,"
+            "schedule N worker,schedulerRunnable test,busy N worker,suspendOn N worker,"
+            "unschedule N worker,idle N worker,scheduleSus N worker,schedulerIdle test,"
+            "suspendOff N worker,schedule N worker,schedulerRunnable test,busy N worker,"
+            "schedulerSuspended test,schedulerRunIgnoredWhileSuspended test,"
+            "schedulerUnsuspended test,run start N worker,run end N worker,idle N worker,"
+            "schedulerIdle test,suspendOn N worker,suspendOff N worker,schedule N worker,"
+            "schedulerRunnable test,busy N worker,unschedule N worker,idle N worker,"
+            "delete N worker,schedulerIdle test");
 }
-
-// ---- Life ----
 
 TEST(TaskSchedulerLifeTest, TheThreadRootIsNamedAfterItsThreadAndReleasedAtThreadExit) {
   EXPECT_TRUE(Tamlo::schedulerRootTamlo()->followFastForward());
@@ -477,12 +364,10 @@ TEST(TaskSchedulerLifeTest, AnExceptionFromARunLeavesTheSchedulerUsable) {
     EXPECT_THROW(runLoop(), std::exception);
     EXPECT_EQ(root->runningTask(), nullptr);
     EXPECT_FALSE(thrower.taskCurrentlyRunning());
-    EXPECT_EQ(shared.use_count(), owned ? 1 : 0);
     runLoop();
     EXPECT_EQ(journal, "next");
     // The failed run is counted as a run; the unowned task never started one.
     EXPECT_EQ(thrower.taskRunCount(), owned ? 1u : 0u);
-    EXPECT_EQ(next->taskRunCount(), 1u);
     EXPECT_FALSE(thrower.taskScheduled());
   }
 }
