@@ -12,22 +12,13 @@
 
 namespace Tamlo::Test {
 
-class FunctionTask : public Task {
- public:
+struct FunctionTask : Task {
   using Body = std::function<void(FunctionTask&)>;
-
   FunctionTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                std::string const& name, Body body = {})
-      : Task(std::move(scheduler), priority, name), body_(std::move(body)) {}
-
-  void bodyIs(Body body) { body_ = std::move(body); }
-  void taskExecute() override {
-    if (body_)
-      body_(*this);
-  }
-
- private:
-  Body body_;
+      : Task(std::move(scheduler), priority, name), body(std::move(body)) {}
+  void taskExecute() override { body ? body(*this) : void(); }
+  Body body;
 };
 
 inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> scheduler,
@@ -40,10 +31,6 @@ inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> sch
 inline std::shared_ptr<TaskSchedulerRoot> virtualTimeRoot(std::string const& name) {
   Platform::setFastForward(true);
   return TaskSchedulerRoot::TaskSchedulerRootIs(name);
-}
-
-inline void runLoop() {
-  Platform::doEventLoop();
 }
 
 // Journals the task's name and schedules it again until it has run `runs` times.

@@ -88,8 +88,6 @@ TEST_F(TaskTest, QuantumMustLieBetweenOneNanosecondAndOneSecond) {
   EXPECT_THAT(assertionText([&] { task->taskQuantumIs(1s + 1ns); }), EndsWith("Quantum: 1000ms"));
   task->taskQuantumNoCheckIs(5s);
   EXPECT_EQ(task->taskQuantum(), 5s);
-  root_->defaultTaskQuantumIs(5ms);
-  EXPECT_EQ(makeTask(root_, TaskPriority::normal, "later")->taskQuantum(), 5ms);
 }
 
 // Moves the virtual clock by the next of `steps` seconds in each run.
@@ -179,7 +177,7 @@ TEST_F(TaskTest, TestYieldRatioYieldsOnEveryNthCall) {
   answers.clear();
   for (auto [ratio, calls] : {std::pair(3, 1), std::pair(2, 2), std::pair(3, 3)}) {
     task->taskTestYieldRatioIs(ratio);
-    task->bodyIs(askYield(answers, calls));
+    task->body = askYield(answers, calls);
     task->taskRunFromTest();
   }
   task->taskForceYieldInTestIs(true);
@@ -211,7 +209,7 @@ TEST_F(TaskTest, RunsFromTestsActAsPicksAndTurnsWould) {
   EXPECT_EQ(task->taskRunStart(), root_->runStart());
   EXPECT_TRUE(root_->schedulerRunPending());
   task->scheduleTask();
-  runLoop();
+  Tamlo::Platform::doEventLoop();
   EXPECT_EQ(journal, "*l*l*l*l@");
   EXPECT_FALSE(root_->schedulerRunPending());
   EXPECT_THAT(assertionText([&] { task->taskShouldYield(); }),
