@@ -21,10 +21,9 @@ struct FunctionTask : Task {
   Body body;
 };
 
-inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> scheduler,
-                                              TaskPriority priority, std::string const& name,
-                                              FunctionTask::Body body = {}) {
-  return makeShared<FunctionTask>(std::move(scheduler), priority, name, std::move(body));
+// makeTask(scheduler, priority, name[, body])
+inline std::shared_ptr<FunctionTask> makeTask(auto&&... arguments) {
+  return makeShared<FunctionTask>(std::forward<decltype(arguments)>(arguments)...);
 }
 
 // A root that measures runs in virtual time; the caller switches fast-forward off.

@@ -1,7 +1,6 @@
-// Statistics records, keys and interned names. Priority names, status strings,
-// durations and seconds conversion are checked against a model by
-// fuzz/TaskStringsFuzz.cpp; an optional counter's all-ones clamp shows in the
-// tasks' high-water marks (TaskTest).
+// Statistics records, keys and interned names. fuzz/TaskStringsFuzz.cpp checks
+// priority names, status strings and durations against a model; TaskTest the
+// all-ones clamp of an optional counter.
 #include "Tamlo/TaskStat.h"
 
 #include <optional>

@@ -69,12 +69,13 @@ struct IdleFdTask : Tamlo::FileDescriptorTask {
 };
 
 // Watches a socket at descriptor 20, so that messages name known numbers.
-std::shared_ptr<IdleFdTask> fdTaskOn20() {
+std::shared_ptr<IdleFdTask> fdTaskOn20(bool readable = true) {
   int fds[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0 || dup2(fds[0], 20) != 20)
     return nullptr;
   auto task = Tamlo::makeShared<IdleFdTask>();
   task->taskWatchFdIs(20);
+  task->taskWatchReadableIs(readable);
   return task;
 }
 
@@ -165,12 +166,7 @@ constexpr Mode modes[] = {
        task->scheduleTask();
        return io->taskGroupRunFromTest(), 0;
      }},
-    {"fdreadoff",
-     [] {
-       auto const task = fdTaskOn20();
-       task->taskWatchReadableIs(false);
-       return task->readFdEvent(20), 0;
-     }},
+    {"fdreadoff", [] { return fdTaskOn20(false)->readFdEvent(20), 0; }},
     {"fdwriteoff", [] { return fdTaskOn20()->writeFdEvent(20), 0; }},
     {"fdother", [] { return fdTaskOn20()->readFdEvent(21), 0; }},
     {"fork", forkMode},
