@@ -54,7 +54,7 @@ class TaskSchedulerTest : public ::testing::Test {
 
 TEST_F(TaskSchedulerTest, PicksUnderMixedPriorities) {
   // A level gives one pick to the next after nine in a row (8 x 1 x c > 64
-  // first holds at c = 9), cascading; absolute and scavenge never take part,
+  // first holds at c = 9), cascading; absolute and scavenge are never bumped,
   // so N waits for A and B, and S for H. Each task runs as often as it shows.
   std::string const cascade = repeated("HHHHHHHHN", 9) + "HHHHHHHHL";
   std::pair<std::string, std::string> const rows[] = {{"HNL", cascade + cascade},
