@@ -1,5 +1,4 @@
-// Shared by the scheduler tests: a task running a body given by the test, and
-// bodies that write the order of runs into a journal.
+// Shared by the scheduler tests: a task running a body given by the test.
 #pragma once
 
 #include <sys/mman.h>
@@ -13,39 +12,24 @@
 
 namespace Tamlo::Test {
 
-class FunctionTask : public Task {
- public:
+struct FunctionTask : Task {
   using Body = std::function<void(FunctionTask&)>;
-
   FunctionTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                std::string const& name, Body body = {})
-      : Task(std::move(scheduler), priority, name), body_(std::move(body)) {}
-
-  void bodyIs(Body body) { body_ = std::move(body); }
-  void taskExecute() override {
-    if (body_)
-      body_(*this);
-  }
-
- private:
-  Body body_;
+      : Task(std::move(scheduler), priority, name), body(std::move(body)) {}
+  void taskExecute() override { body ? body(*this) : void(); }
+  Body body;
 };
 
-inline std::shared_ptr<FunctionTask> makeTask(std::shared_ptr<TaskScheduler> scheduler,
-                                              TaskPriority priority, std::string const& name,
-                                              FunctionTask::Body body = {}) {
-  return makeShared<FunctionTask>(std::move(scheduler), priority, name, std::move(body));
+// makeTask(scheduler, priority, name[, body])
+inline std::shared_ptr<FunctionTask> makeTask(auto&&... arguments) {
+  return makeShared<FunctionTask>(std::forward<decltype(arguments)>(arguments)...);
 }
 
-// A new root that measures runs in virtual time: fast-forward is switched on
-// before it is built (the caller switches it off).
+// A root that measures runs in virtual time; the caller switches fast-forward off.
 inline std::shared_ptr<TaskSchedulerRoot> virtualTimeRoot(std::string const& name) {
   Platform::setFastForward(true);
   return TaskSchedulerRoot::TaskSchedulerRootIs(name);
-}
-
-inline void runLoop() {
-  Platform::doEventLoop();
 }
 
 // Journals the task's name and schedules it again until it has run `runs` times.
@@ -55,24 +39,6 @@ inline FunctionTask::Body journalRuns(std::string& journal, uint64_t runs) {
     if (task.taskRunCount() < runs)
       task.scheduleTask();
   };
-}
-
-// Journals the task's name and schedules it again until the journal holds
-// `length` names; a run that finds it full does nothing.
-inline FunctionTask::Body journalUpTo(std::string& journal, size_t length) {
-  return [&journal, length](FunctionTask& task) {
-    if (journal.size() >= length)
-      return;
-    journal += task.taskName();
-    task.scheduleTask();
-  };
-}
-
-inline std::string repeated(std::string const& text, int times) {
-  std::string result;
-  for (int i = 0; i < times; ++i)
-    result += text;
-  return result;
 }
 
 // Reads to the end, or until a non-blocking descriptor has nothing more.

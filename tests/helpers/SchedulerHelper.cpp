@@ -1,13 +1,11 @@
-// Scheduler failures that end the process, and runs whose trace a test
+// Scheduler failures that end the process, and runs whose output a test
 // compares. Usage: SchedulerHelper <mode>; the modes are in the table below.
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <limits>
-#include <memory>
 #include <string_view>
 
 #include <Tamlo/Allocator.h>
@@ -15,7 +13,6 @@
 #include <Tamlo/ForkHandler.h>
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
-#include <Tamlo/Task.h>
 #include <Tamlo/TaskGroup.h>
 #include <Tamlo/TimerTask.h>
 
@@ -24,20 +21,16 @@ namespace {
 using namespace std::chrono_literals;
 using Tamlo::TaskPriority;
 
+std::shared_ptr<Tamlo::TaskSchedulerRoot> root() {
+  return Tamlo::schedulerRootTamlo();
+}
+
 class DoomedTask : public Tamlo::Task {
  public:
   explicit DoomedTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler)
-      : Task(std::move(scheduler), Tamlo::TaskPriority::normal, "doomed") {}
+      : Task(std::move(scheduler), TaskPriority::normal, "doomed") {}
   void taskExecute() override { handleDestroy(); }
 };
-
-int selfDestroyMode() {
-  auto const task = Tamlo::makeShared<DoomedTask>(Tamlo::schedulerRootTamlo());
-  task->scheduleTask();
-  Tamlo::Platform::doEventLoop();
-  std::puts("the run returned");
-  return 0;
-}
 
 template <typename Base>
 struct IdleTask : Base {
@@ -47,12 +40,11 @@ struct IdleTask : Base {
 };
 
 std::shared_ptr<Tamlo::TimerTask> timerTask() {
-  return Tamlo::makeShared<IdleTask<Tamlo::TimerTask>>(Tamlo::schedulerRootTamlo(),
-                                                       TaskPriority::normal);
+  return Tamlo::makeShared<IdleTask<Tamlo::TimerTask>>(root(), TaskPriority::normal);
 }
 
 std::shared_ptr<Tamlo::TaskGroup> group(TaskPriority priority, bool enforced) {
-  return Tamlo::TaskGroup::TaskGroupIs("io", priority, enforced, Tamlo::schedulerRootTamlo());
+  return Tamlo::TaskGroup::TaskGroupIs("io", priority, enforced, root());
 }
 
 // Jitter draws on a fresh root, then each trace line of a timer task once.
@@ -70,54 +62,21 @@ int timerTraceMode() {
   return 0;
 }
 
-// A ParentTask that outlives its group.
-int orphanParentTaskMode() {
-  auto io = group(TaskPriority::normal, false);
-  auto const parent = io->parentTask().shared_from_this();
-  io.reset();
-  static_cast<Tamlo::TaskImpl const&>(*parent).getStats();
-  return 0;
-}
-
-// A suspended root drops the group's requests, so the ParentTask's run
-// leaves work behind without being scheduled again.
-int groupSuspendedMode() {
-  auto const io = group(TaskPriority::normal, false);
-  io->taskGroupQuantumIs(1ms);
-  auto const task = Tamlo::makeShared<IdleTask<Tamlo::Task>>(io, TaskPriority::normal);
-  Tamlo::schedulerRootTamlo()->suspendedIs(true);
-  task->scheduleTask();
-  io->taskGroupRunFromTest();
-  return 0;
-}
-
-class IdleFdTask : public Tamlo::FileDescriptorTask {
- public:
-  IdleFdTask()
-      : FileDescriptorTask(Tamlo::schedulerRootTamlo(), Tamlo::TaskPriority::normal, "fd") {}
+struct IdleFdTask : Tamlo::FileDescriptorTask {
+  IdleFdTask() : FileDescriptorTask(root(), TaskPriority::normal, "fd") {}
   void taskExecuteReadable() override {}
   void taskExecuteWritable() override {}
 };
 
 // Watches a socket at descriptor 20, so that messages name known numbers.
-std::shared_ptr<IdleFdTask> fdTaskOn20() {
+std::shared_ptr<IdleFdTask> fdTaskOn20(bool readable = true) {
   int fds[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0 || dup2(fds[0], 20) != 20)
     return nullptr;
   auto task = Tamlo::makeShared<IdleFdTask>();
   task->taskWatchFdIs(20);
+  task->taskWatchReadableIs(readable);
   return task;
-}
-
-int destroyAgainMode() {
-  auto const root = Tamlo::schedulerRootTamlo();
-  auto const bystander = Tamlo::makeShared<DoomedTask>(root);  // keeps the count above 0
-  auto task = Tamlo::makeShared<DoomedTask>(root);
-  task->handleDestroy();
-  task->scheduleTask();
-  task.reset();
-  std::puts("destroyed silently");
-  return 0;
 }
 
 // A timer task armed before fork() runs once in each process; the child
@@ -128,14 +87,13 @@ int forkMode() {
     void taskExecute() override { ++runs; }
     int runs = 0;
   };
-  auto const root = Tamlo::schedulerRootTamlo();
-  auto const inherited = Tamlo::makeShared<Counting>(root, TaskPriority::normal, "inherited");
+  auto const inherited = Tamlo::makeShared<Counting>(root(), TaskPriority::normal, "inherited");
   inherited->scheduleTaskDelay(5ms);
   std::fflush(stdout);
   pid_t const child = ::fork();
   if (child == 0) {
     Tamlo::leForkReinit();
-    auto const own = Tamlo::makeShared<Counting>(root, TaskPriority::high, "own");
+    auto const own = Tamlo::makeShared<Counting>(root(), TaskPriority::high, "own");
     own->scheduleTaskDelay(10ms);
     Tamlo::Platform::doEventLoop();
     std::printf("child: forked %d inherited %d own %d\n", Tamlo::Platform::isForkedChild(),
@@ -157,8 +115,22 @@ struct Mode {
 };
 
 constexpr Mode modes[] = {
-    {"selfdestroy", selfDestroyMode},
-    {"destroyagain", destroyAgainMode},
+    {"selfdestroy",
+     [] {
+       auto const task = Tamlo::makeShared<DoomedTask>(root());
+       task->scheduleTask();
+       Tamlo::Platform::doEventLoop();
+       return std::puts("the run returned"), 0;
+     }},
+    {"destroyagain",
+     [] {
+       auto const bystander = Tamlo::makeShared<DoomedTask>(root());  // keeps the count above 0
+       auto task = Tamlo::makeShared<DoomedTask>(root());
+       task->handleDestroy();
+       task->scheduleTask();
+       task.reset();
+       return std::puts("destroyed silently"), 0;
+     }},
     {"timertrace", timerTraceMode},
     {"jitter101", [] { return timerTask()->scheduleTaskJitterUp(1s, 101), 0; }},
     {"lowestnever",
@@ -175,14 +147,26 @@ constexpr Mode modes[] = {
                                                 TaskPriority::normal);
        return 0;
      }},
-    {"orphanparent", orphanParentTaskMode},
-    {"groupsuspended", groupSuspendedMode},
-    {"fdreadoff",
+    // A ParentTask that outlives its group.
+    {"orphanparent",
      [] {
-       auto const task = fdTaskOn20();
-       task->taskWatchReadableIs(false);
-       return task->readFdEvent(20), 0;
+       auto io = group(TaskPriority::normal, false);
+       auto const parent = io->parentTask().shared_from_this();
+       io.reset();
+       return static_cast<Tamlo::TaskImpl const&>(*parent).getStats(), 0;
      }},
+    // A suspended root drops the group's requests, so the ParentTask's run
+    // leaves work behind without being scheduled again.
+    {"groupsuspended",
+     [] {
+       auto const io = group(TaskPriority::normal, false);
+       io->taskGroupQuantumIs(1ms);
+       auto const task = Tamlo::makeShared<IdleTask<Tamlo::Task>>(io, TaskPriority::normal);
+       root()->suspendedIs(true);
+       task->scheduleTask();
+       return io->taskGroupRunFromTest(), 0;
+     }},
+    {"fdreadoff", [] { return fdTaskOn20(false)->readFdEvent(20), 0; }},
     {"fdwriteoff", [] { return fdTaskOn20()->writeFdEvent(20), 0; }},
     {"fdother", [] { return fdTaskOn20()->readFdEvent(21), 0; }},
     {"fork", forkMode},
