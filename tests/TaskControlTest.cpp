@@ -21,9 +21,8 @@ using ::testing::HasSubstr;
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double microsecond = 1e-6;  // what libevent keeps
 
-// Records what every kind of control delivers, and calls made outside a task
-// run of `root`; it may re-arm or re-request `again` times, throw, and claim
-// fd exceptions (timer and callback ones always).
+// Records deliveries, and those outside a task run of `root`; may re-arm or
+// re-request `again` times, throw, and claim fd exceptions (others always).
 struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
   void timeout() override {
     firedAt.push_back(Tamlo::time());
@@ -43,8 +42,7 @@ struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
     note();
   }
   void readFdEvent(int fd) override {
-    char buffer[1];
-    while (read(fd, buffer, 1) > 0)
+    for (char c; read(fd, &c, 1) > 0;)
       ++bytesRead;
     ++reads;
     note();
@@ -68,12 +66,10 @@ struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
   bool throws = false, claims = false;
 };
 
-// A row per backend: how it makes each kind of control (none: it makes no
-// such control), the longest delay it holds (2^62 s for libevent, the last
-// expiry whose tick fits in 64 bits for a wheel), and where it differs from
-// libevent: a timer task's NaN delay is a plain assert(), a task fd control's
-// clearEvents forgets the descriptor, and its task, left executing by an
-// unclaimed exception, does not run again.
+// A row per backend: its controls (null: none of that kind), the longest
+// delay it holds (2^62 s, or the last expiry whose tick fits in 64 bits), and
+// where task controls differ: NaN is a plain assert(), clearEvents forgets the
+// descriptor, and an fd task left executing by an exception does not run again.
 struct Backend {
   char const* name;
   std::function<std::shared_ptr<TimerControl>(TimeoutHandler*)> timer;
@@ -159,8 +155,6 @@ TEST_F(PlatformControlTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
       EXPECT_GE(handler.firedAt[i],
                 (i == 1 ? rearmed : handler.firedAt[i - 1]) + 0.25 - microsecond);
 
-    control->setTimeout(1e15);
-    EXPECT_NEAR(control->remainingTimeout(), 1e15, 1.0);
     control->setTimeout(1e300);
     EXPECT_NEAR(control->remainingTimeout(), backend.limit, backend.limit * 1e-9);
     control->delTimeout();
@@ -281,18 +275,16 @@ TEST_F(PlatformControlTest, FdReadsPersistWritesFireOnceAndExceptionsAreOffered)
 // ---- Controls served by scheduler tasks, beyond the contracts ----
 
 // A wheel's timer control and a task timer or callback control are one
-// allocation each; the task ones register as tasks, and their handlers are
-// called from task runs.
+// allocation each; the task ones register as tasks, their handlers run in task
+// runs, and a timer or callback exception leaves the run without an offer.
 TEST_F(PlatformControlTest, WheelAndTaskControlsAreOneAllocationTaskOnesRunAsTasks) {
   Handler handler;
   handler.root = root_.get();
   auto const names = getTimerControl(&handler, root_, TaskPriority::low, "t");  // interned
   uint64_t const before = Tamlo::AllocatorStats::totalAllocations();
-  std::shared_ptr<TimerControl> const timer =
-      getTimerControl(&handler, root_, TaskPriority::low, "t");
-  std::shared_ptr<CallbackControl> const callback =
-      getCallbackControl(&handler, root_, TaskPriority::low, "t");
-  std::shared_ptr<TimerControl> const wheelTimer = getTimerControl(&handler, wheel_);
+  auto const timer = getTimerControl(&handler, root_, TaskPriority::low, "t");
+  auto const callback = getCallbackControl(&handler, root_, TaskPriority::low, "t");
+  auto const wheelTimer = getTimerControl(&handler, wheel_);
   EXPECT_EQ(Tamlo::AllocatorStats::totalAllocations() - before, 3u);
   EXPECT_EQ(root_->tasksPerPriority(TaskPriority::low), 3u);
 
@@ -311,18 +303,13 @@ TEST_F(PlatformControlTest, WheelAndTaskControlsAreOneAllocationTaskOnesRunAsTas
   EXPECT_EQ(fd->taskRunCountReadable() + fd->taskRunCountWritable(), 2u);
   fd->delFd();
   close(fds[0]), close(fds[1]);
-}
 
-TEST_F(PlatformControlTest, TaskTimerAndCallbackExceptionsLeaveTheRunUnoffered) {
-  Handler handler;
   handler.throws = true;
-  auto const timer = getTimerControl(&handler, root_, normal_, "timer");
-  auto const callback = getCallbackControl(&handler, root_, normal_, "cb");
   timer->setTimeout(0.0);
   EXPECT_THROW(doEventLoop(), std::runtime_error);
   callback->requestCallback();
   EXPECT_THROW(doEventLoop(), std::runtime_error);
-  EXPECT_EQ(handler.firedAt.size() + handler.calls, 2u);
+  EXPECT_EQ(handler.firedAt.size() + handler.calls, 4u);
   EXPECT_EQ(handler.offered, 0);
   doEventLoop();
 }
