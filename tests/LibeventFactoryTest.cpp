@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <csignal>
+#include <functional>
 #include <limits>
 #include <stdexcept>
 
@@ -23,10 +24,12 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// Journals its deliveries by name; may throw, and claim what it threw.
+std::vector<std::string> journal;  // what Recorders delivered, in order
+
+// Journals its deliveries by name, then runs `also_`; may throw, and claim what
+// it threw.
 struct Recorder : TimeoutHandler, CallbackHandler, FdEventHandler {
-  explicit Recorder(std::vector<std::string>* journal = nullptr, std::string name = "")
-      : journal_(journal), name_(std::move(name)) {}
+  explicit Recorder(std::string name = "") : name_(std::move(name)) {}
   void timeout() override { deliver(); }
   void callback() override { deliver(); }
   void readFdEvent(int fd) override {
@@ -36,17 +39,17 @@ struct Recorder : TimeoutHandler, CallbackHandler, FdEventHandler {
   }
   void writeFdEvent(int) override {}
   void deliver() {
-    ++fired_;
-    if (journal_)
-      journal_->push_back(name_);
+    journal.push_back(name_);
+    if (also_)
+      also_();
     if (throws_)
       throw std::runtime_error(name_ + " failed");
   }
   bool handleTimeoutException() override { return ++offered_, claims_; }
   bool handleCallbackException() override { return ++offered_, claims_; }
-  std::vector<std::string>* journal_;
   std::string name_;
-  int fired_ = 0, offered_ = 0;
+  std::function<void()> also_;
+  int offered_ = 0;
   bool throws_ = false, claims_ = false;
 };
 
@@ -63,34 +66,26 @@ bool noTimerLeft() {
 // may destroy its own control. The pass leaves no break event behind.
 TEST(LibeventLoopTest, APassServesStrictHighFirstThenWhatItsHandlersLeftDue) {
   Tamlo::leInit();
-  std::vector<std::string> journal;
-  Recorder low(&journal, "default"), high(&journal, "strict"), rearmed(&journal, "rearmed");
+  journal.clear();
+  Recorder low("default"), high("strict"), rearmed("rearmed");
   auto const lowTimer = getTimerControl(&low, eventPriorityDefault);
-  auto const highTimer = getTimerControl(&high, eventPriorityStrictHigh);
+  auto highTimer = getTimerControl(&high, eventPriorityStrictHigh);
   auto const rearmedTimer = getTimerControl(&rearmed);
   int plainRuns = 0;
   event* const plain = event_new(
       Tamlo::ev_base, -1, 0, [](evutil_socket_t, short, void* arg) { ++*static_cast<int*>(arg); },
       &plainRuns);
-  struct Meddling : TimeoutHandler {
-    void timeout() override {
-      event_active(plain, EV_TIMEOUT, 1);
-      other->setTimeout(3600);
-      self.reset();
-    }
-    event* plain = nullptr;
-    TimerControl* other = nullptr;
-    std::shared_ptr<TimerControl> self;
-  } meddling;
-  meddling.plain = plain, meddling.other = rearmedTimer.get();
-  meddling.self = getTimerControl(&meddling, eventPriorityStrictHigh);
+  high.also_ = [&] {
+    event_active(plain, EV_TIMEOUT, 1);
+    rearmedTimer->setTimeout(3600);
+    highTimer.reset();
+  };
   for (TimerControl* timer : {lowTimer.get(), rearmedTimer.get(), highTimer.get()})
     timer->setTimeout(0.0);
-  meddling.self->setTimeout(0.0);
   runOnePass();
   EXPECT_THAT(journal, ElementsAre("strict", "default"));
   EXPECT_EQ(plainRuns, 1);
-  EXPECT_EQ(meddling.self, nullptr);
+  EXPECT_EQ(highTimer, nullptr);
   EXPECT_GT(rearmedTimer->remainingTimeout(), 3599.0);
   rearmedTimer->delTimeout();
   EXPECT_TRUE(noTimerLeft());
@@ -104,8 +99,8 @@ TEST(LibeventLoopTest, APassServesStrictHighFirstThenWhatItsHandlersLeftDue) {
 // Task controls offer nothing (TaskControlTest); libevent timers and callbacks
 // offer to their handler.
 TEST(LibeventLoopTest, ClaimedExceptionsAreSwallowedUnclaimedLeaveTheLoop) {
-  std::vector<std::string> journal;
-  Recorder failing(&journal, "failing"), later(&journal, "later"), called(nullptr, "callback");
+  journal.clear();
+  Recorder failing("failing"), later("later"), called("callback");
   failing.throws_ = failing.claims_ = called.throws_ = called.claims_ = true;
   auto const failingTimer = getTimerControl(&failing, eventPriorityStrictHigh);
   auto const laterTimer = getTimerControl(&later);
@@ -115,7 +110,7 @@ TEST(LibeventLoopTest, ClaimedExceptionsAreSwallowedUnclaimedLeaveTheLoop) {
   laterTimer->setTimeout(0.0);
   EXPECT_NO_THROW(doEventLoop());
   EXPECT_EQ(failing.offered_ + called.offered_, 2);
-  EXPECT_THAT(journal, ElementsAre("failing", "later"));
+  EXPECT_THAT(journal, ::testing::UnorderedElementsAre("failing", "callback", "later"));
 
   journal.clear();
   failing.claims_ = called.claims_ = false;
@@ -141,36 +136,28 @@ TEST(LibeventLoopTest, ClaimedExceptionsAreSwallowedUnclaimedLeaveTheLoop) {
 // to its wheel, and then throw: nothing freed is touched on the way out
 // (AddressSanitizer builds check that).
 TEST(LibeventLoopTest, AHandlerMayDestroyItsControlAndThrow) {
-  struct Destroyer : TimeoutHandler, CallbackHandler, FdEventHandler {
-    void timeout() override { destroyAndThrow(); }
-    void callback() override { destroyAndThrow(); }
-    void readFdEvent(int) override { destroyAndThrow(); }
-    void writeFdEvent(int) override {}
-    void destroyAndThrow() {
-      timer_.reset(), callback_.reset(), fd_.reset();
-      throw std::runtime_error("destroyed");
-    }
-    std::shared_ptr<TimerControl> timer_;
-    std::shared_ptr<CallbackControl> callback_;
-    std::shared_ptr<FdControl> fd_;
-  };
   int fds[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
   ASSERT_EQ(::write(fds[1], "x", 1), 1);
   for (std::string const kind : {"libevent timer", "wheel timer", "callback", "fd"}) {
     SCOPED_TRACE(kind);
-    Destroyer d;
+    Recorder d(kind);
+    std::shared_ptr<TimerControl> timer;
+    std::shared_ptr<CallbackControl> callback;
+    std::shared_ptr<FdControl> fd;
+    d.also_ = [&] { timer.reset(), callback.reset(), fd.reset(); };
+    d.throws_ = true;
     auto wheel = Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault);  // moved: d's alone
     if (kind == "callback")
-      (d.callback_ = getCallbackControl(&d))->requestCallback();
+      (callback = getCallbackControl(&d))->requestCallback();
     else if (kind == "fd")
-      (d.fd_ = getFdControl(&d))->setFd(fds[0]);
+      (fd = getFdControl(&d))->setFd(fds[0]);
     else
-      (d.timer_ =
+      (timer =
            kind == "libevent timer" ? getTimerControl(&d) : getTimerControl(&d, std::move(wheel)))
           ->setTimeout(0);
     EXPECT_THROW(doEventLoop(60.0), std::runtime_error);
-    EXPECT_TRUE(!d.timer_ && !d.callback_ && !d.fd_);
+    EXPECT_TRUE(!timer && !callback && !fd);
   }
   ::close(fds[0]), ::close(fds[1]);
 }
@@ -209,6 +196,7 @@ TEST(LibeventBaseTest, EachThreadHasItsOwnBaseThatControlsOutlive) {
   EXPECT_TRUE(Tamlo::mainThread);
   std::thread([mainBase] {
     EXPECT_FALSE(Tamlo::leInitialized() || Tamlo::mainThread);
+    journal.clear();
     Recorder handler;
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
@@ -228,7 +216,7 @@ TEST(LibeventBaseTest, EachThreadHasItsOwnBaseThatControlsOutlive) {
     fd->setFd(fds[0]);
     ASSERT_EQ(::write(fds[1], "x", 1), 1);
     doEventLoop(0.0);
-    EXPECT_EQ(handler.fired_, 2);
+    EXPECT_EQ(journal.size(), 2u);
     fd->delFd();
     ::close(fds[0]), ::close(fds[1]);
   }).join();
