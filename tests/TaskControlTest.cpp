@@ -130,9 +130,7 @@ TEST_F(PlatformControlTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
     control->setTimeout(1);
     double const before = Tamlo::time();
     control->setTimeout(3);
-    double const remaining = control->remainingTimeout(), after = Tamlo::time();
-    EXPECT_LE(remaining, 3 + microsecond);
-    EXPECT_GE(remaining, 3 - (after - before) - microsecond);
+    EXPECT_LE(control->remainingTimeout(), 3 + microsecond);
     doEventLoop(5.0);
     ASSERT_EQ(handler.firedAt.size(), 1u);
     EXPECT_GE(handler.firedAt[0], before + 3 - microsecond);
