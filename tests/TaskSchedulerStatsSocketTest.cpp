@@ -32,7 +32,8 @@ struct ReportedRoot {
   std::vector<std::shared_ptr<FunctionTask>> tasks;
 };
 
-TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderWhileOtherTasksRun) {
+// A descriptor it cannot serve is refused or ends the writing.
+TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderAndUnservableDescriptorsAreRefused) {
   ReportedRoot const tree(3000);
   int fds[2];
   ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
@@ -64,10 +65,7 @@ TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderWhileOtherTasksRun) {
       << "taken before the reader and the writing tasks existed";
   EXPECT_EQ(document["historyEntryCount"].GetUint(), tree.root->historyEntryCount());
   ::close(fds[0]), ::close(fds[1]);
-}
 
-TEST(SnapshotRenderJsonAsync, DescriptorsItCannotServeAreRefusedOrEndTheWriting) {
-  ReportedRoot const tree(500);
   struct Case {
     int pipeFlags;
     int closed;         // the end of the pipe closed first, or -1
@@ -79,7 +77,6 @@ TEST(SnapshotRenderJsonAsync, DescriptorsItCannotServeAreRefusedOrEndTheWriting)
       {0, 0, nullptr},
   };
   for (Case const& row : cases) {
-    int fds[2];
     ASSERT_EQ(::pipe2(fds, O_CLOEXEC | row.pipeFlags), 0);
     if (row.closed >= 0)
       ::close(fds[row.closed]);
