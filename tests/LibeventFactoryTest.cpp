@@ -1,5 +1,4 @@
-// What the libevent backend does beyond the control contracts that
-// TaskControlTest checks for every backend: passes, exceptions, bases.
+// The libevent backend beyond the control contracts of TaskControlTest.
 #include <Tamlo/EventBaseTimers.h>
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
@@ -26,8 +25,7 @@ using ::testing::Not;
 
 std::vector<std::string> journal;  // what Recorders delivered, in order
 
-// Journals its deliveries by name, then runs `also_`; may throw, and claim what
-// it threw.
+// Journals its deliveries by name, then runs `also_`; may throw and claim.
 struct Recorder : TimeoutHandler, CallbackHandler, FdEventHandler {
   explicit Recorder(std::string name = "") : name_(std::move(name)) {}
   void timeout() override { deliver(); }
@@ -61,9 +59,8 @@ bool noTimerLeft() {
   return event_base_get_first_timeout(Tamlo::ev_base, &first) != 0;
 }
 
-// Strict-high events run first; a default one that a strict-high handler
-// activated still runs in the pass, one it re-armed does not, and a handler
-// may destroy its own control. The pass leaves no break event behind.
+// A default event that a strict-high handler activated still runs in the
+// pass, one it re-armed does not; no break event is left behind.
 TEST(LibeventLoopTest, APassServesStrictHighFirstThenWhatItsHandlersLeftDue) {
   Tamlo::leInit();
   journal.clear();
@@ -96,10 +93,8 @@ TEST(LibeventLoopTest, APassServesStrictHighFirstThenWhatItsHandlersLeftDue) {
                     HasSubstr(" to Invalid EventPriority=7 rc -1")));
 }
 
-// Timers and callbacks offer their exceptions to their handlers as fd
-// controls do (TaskControlTest). An unclaimed one leaves a bounded loop at
-// once, taking the loop's break event along, and leaves the pass's other due
-// events due.
+// Offering is a contract (TaskControlTest); the bounded loop's break event
+// goes with the exception, and the pass's other due events stay due.
 TEST(LibeventLoopTest, AnUnclaimedExceptionLeavesTheLoopAtOnce) {
   journal.clear();
   Recorder failing("failing"), later("later"), called("callback");
@@ -124,9 +119,8 @@ TEST(LibeventLoopTest, AnUnclaimedExceptionLeavesTheLoopAtOnce) {
   EXPECT_THAT(journal, ElementsAre("callback", "failing", "later"));
 }
 
-// A handler may destroy its own control, for a wheel timer the last reference
-// to its wheel, and then throw: nothing freed is touched on the way out
-// (AddressSanitizer builds check that).
+// For a wheel timer, the last reference to its wheel; AddressSanitizer
+// builds check that nothing freed is touched on the way out.
 TEST(LibeventLoopTest, AHandlerMayDestroyItsControlAndThrow) {
   int fds[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
@@ -179,9 +173,7 @@ TEST(LibeventBaseTest, AnotherBaseAndLibeventErrorsAreAssertions) {
   EXPECT_THAT(assertionText([] { Tamlo::le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
 }
 
-// Each thread gets its own base, left to the thread's exit to free (under the
-// leak checker this fails if the base outlives the thread). Controls outlive
-// leFree() and bind to the next base.
+// The leak checker fails this if the thread's base outlives the thread.
 TEST(LibeventBaseTest, EachThreadHasItsOwnBaseThatControlsOutlive) {
   Tamlo::leInit();
   event_base* const mainBase = Tamlo::ev_base;

@@ -21,8 +21,7 @@ using ::testing::HasSubstr;
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double microsecond = 1e-6;  // what libevent keeps
 
-// Records deliveries, and those outside a task run of `root`; may re-arm or
-// re-request `again` times, throw, and claim fd exceptions (others always).
+// May re-arm or re-request `again` times, throw, and claim fd exceptions.
 struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
   void timeout() override {
     firedAt.push_back(Tamlo::time());
@@ -66,11 +65,10 @@ struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
   bool throws = false, claims = false;
 };
 
-// A row per backend: its controls (null: none of that kind), the longest
-// delay it holds (2^62 s, or the last expiry whose tick fits in 64 bits), and
-// whether tasks serve them. Task controls call their handlers from task runs
-// and differ where: NaN is a plain assert(), clearEvents forgets the
-// descriptor, and an fd task left executing by an exception does not run again.
+// The longest delay: 2^62 s, or the last expiry whose tick fits in 64 bits.
+// Task controls call handlers from task runs, take NaN to a plain assert(),
+// forget the descriptor on clearEvents, and an fd task left executing by an
+// exception does not run again.
 struct Backend {
   char const* name;
   std::function<std::shared_ptr<TimerControl>(TimeoutHandler*)> timer;
@@ -107,10 +105,8 @@ class PlatformControlTest : public ::testing::Test {
   };
 };
 
-// A timer fires once and not early; a new expiry replaces the old one, also a
-// due one; the time left counts down to zero until delivery; idle reads
-// infinity, also in the delivery, which may re-arm it. Every delay a backend
-// can hold is kept; longer ones are cut.
+// Idle reads infinity, also in the delivery, which may re-arm; longer delays
+// than a backend holds are cut.
 TEST_F(PlatformControlTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
   for (Backend const& backend : backends_) {
     SCOPED_TRACE(backend.name);
@@ -162,9 +158,8 @@ TEST_F(PlatformControlTest, TimerControlsFireOnceNotEarlyAtTheLatestExpiry) {
   }
 }
 
-// Requests before a run collapse into one call, cancel withdraws, a request
-// from inside the call waits for a later pass, and a control dies with its
-// request.
+// A request from inside the call waits for a later pass; a control dies with
+// its request.
 TEST_F(PlatformControlTest, CallbackRequestsCollapseCancelWithdrawsAndRerequestsWait) {
   for (Backend const& backend : backends_) {
     if (!backend.callback)
@@ -200,10 +195,7 @@ TEST_F(PlatformControlTest, CallbackRequestsCollapseCancelWithdrawsAndRerequests
 }
 
 // Wishes made before there is a descriptor apply from setFd on, which makes
-// it non-blocking; reads persist, writes fire once per wish. clearEvents
-// disarms (libevent keeps the descriptor, tasks forget it) and setFd arms the
-// wishes again. Exceptions are offered with the descriptor: a claimed one is
-// dropped, an unclaimed one leaves the loop. delFd does not close.
+// it non-blocking; setFd after clearEvents arms them again.
 TEST_F(PlatformControlTest, FdReadsPersistWritesFireOnceAndExceptionsAreOffered) {
   for (Backend const& backend : backends_) {
     if (!backend.fd)
@@ -270,12 +262,8 @@ TEST_F(PlatformControlTest, FdReadsPersistWritesFireOnceAndExceptionsAreOffered)
   }
 }
 
-// ---- Controls served by scheduler tasks, beyond the contracts ----
-
-// A wheel's timer control and a task timer or callback control are one
-// allocation each, the task ones registered as tasks; a task timer set to 0 is
-// runnable at once, without a timer; task timer and callback exceptions leave
-// the run without an offer.
+// Beyond the contracts: a task timer set to 0 is runnable at once, without a
+// timer; task timer and callback exceptions leave the run unoffered.
 TEST_F(PlatformControlTest, WheelAndTaskControlsAreOneAllocationTaskOnesDoNotOffer) {
   Handler handler;
   auto const names = getTimerControl(&handler, root_, TaskPriority::low, "t");  // interned

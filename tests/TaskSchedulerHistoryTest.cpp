@@ -1,5 +1,3 @@
-// The scheduler history: what the ring keeps, its exact rendering to each
-// destination, capacity changes, and that recording never allocates.
 #include "Tamlo/TaskSchedulerHistory.h"
 
 #include <atomic>
@@ -11,8 +9,7 @@
 
 #include "SchedulerTestSupport.h"
 
-// Every allocation of this test program is counted, so a test can show that
-// a stretch of code allocates nothing at all.
+// Counts every allocation of this program.
 static std::atomic<size_t> allocationCount{0};
 
 void* operator new(std::size_t size) {
@@ -85,8 +82,7 @@ TEST_F(TaskSchedulerHistoryTest, KeepsTheNewestEventsAndRendersThemExactly) {
   EXPECT_THAT(history_.renderTextForDebugToString(),
               testing::HasSubstr("                 10000 ns since boot         -1 \xc2\xb5s "));
 
-  // To a descriptor, left open, a text larger than one buffer; one it cannot
-  // write to is reported.
+  // To a descriptor, a text larger than one buffer.
   history_.entryCountIs(100);
   insertNumbered(150);
   std::string expected =
@@ -134,8 +130,7 @@ TEST_F(TaskSchedulerHistoryTest, EventTypesHaveDisplayTextsAndWrongKindsAreAsser
   EXPECT_EQ(history_.eventCount(), 0u);
 }
 
-// A ring of four holding `fill` numbered events is resized, then `refill`
-// more (numbered from 0 again) are recorded.
+// `fill` numbered events, a resize, then `refill` more numbered from 0 again.
 TEST_F(TaskSchedulerHistoryTest, ResizingKeepsTheNewestThatFit) {
   struct Row {
     int fill;

@@ -1,6 +1,3 @@
-// Reports that leave the scheduler while it keeps running: the JSON snapshot
-// written to a slow pipe by tasks, and the stats socket's answers to good,
-// bad, silent and vanishing clients.
 #include <Tamlo/TaskSchedulerStatsSocket.h>
 
 #include <fcntl.h>
@@ -22,7 +19,6 @@ void runUntil(std::function<bool()> const& done) {
   ASSERT_TRUE(done());
 }
 
-// A root with `count` idle tasks to report on.
 struct ReportedRoot {
   explicit ReportedRoot(int count) {
     for (int i = 0; i < count; ++i)
@@ -32,7 +28,6 @@ struct ReportedRoot {
   std::vector<std::shared_ptr<FunctionTask>> tasks;
 };
 
-// A descriptor it cannot serve is refused or ends the writing.
 TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderAndUnservableDescriptorsAreRefused) {
   ReportedRoot const tree(3000);
   int fds[2];
@@ -99,9 +94,8 @@ TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderAndUnservableDescriptor
 
 std::string const socketName = "tamlo-stats-test-" + std::to_string(::getpid());
 
-// The socket's own answers are checked whole, a report by its start (a json
-// or trace one cut short shows in its parsing). Every tenth client is gone
-// before its answer: the server's writes fail with EPIPE.
+// A report is checked by its start (a json or trace one cut short shows in
+// its parsing). Every tenth client is gone before its answer: EPIPE.
 TEST(StatsSocketTest, AHundredClientsGetTheirAnswersAndVanishingOnesCostNothing) {
   ReportedRoot const tree(300);
   int const descriptorsBefore = openDescriptorCount();

@@ -1,5 +1,4 @@
-// The reports of a scheduler tree: the exact text report, the JSON snapshot's
-// shape, and the history as a Trace Event Format trace.
+// The text report, the JSON snapshot's shape, and the trace of the history.
 #include <algorithm>
 
 #include <rapidjson/document.h>
@@ -15,7 +14,6 @@ using EventType = TaskSchedulerHistory::EventType;
 using Json = rapidjson::Value;
 using testing::HasSubstr;
 
-// The member names of a JSON object, in order, joined by commas.
 std::string keysOf(Json const& object) {
   std::string keys;
   for (auto const& member : object.GetObject())
@@ -106,8 +104,7 @@ class StatsTree : public testing::Test {
 };
 
 // Live rows come in order of measured run time, which the test does not
-// control; includeAll lists the idle task and skips nothing. Without completed
-// tasks, neither their legend line nor their table shows.
+// control.
 TEST_F(StatsTree, TextReportCoversEveryRegisteredScheduler) {
   std::string const text = root_->statsRenderTextForDebugToString(false, false, true, false);
   std::vector<std::string> firstWords;
@@ -124,10 +121,7 @@ TEST_F(StatsTree, TextReportCoversEveryRegisteredScheduler) {
               all.find("Completed ") == std::string::npos);
 }
 
-// Members in order, each under its condition: live tasks (the idle one
-// skipped), completed ones, a group under its parent task's key, and the
-// history oldest first, numbered among every event the root recorded; the
-// trace is named after the root.
+// History event ids count every event the root recorded.
 TEST_F(StatsTree, JsonNestsGroupsAndWritesEachMemberUnderItsCondition) {
   rapidjson::Document const doc =
       parse(root_->snapshot("named", false, true, true, 7).renderJsonToString());
@@ -185,9 +179,8 @@ TEST_F(StatsTree, ReportsRefuseOtherThreads) {
   EXPECT_THAT(text + json, testing::ContainsRegex("wrong thread.*wrong thread"));
 }
 
-// The ring of six dropped the first start: that run starts at the oldest
-// event kept; one still running ends at the newest. The scheduler named like
-// a task has a track of its own.
+// The ring of six drops the first start. The scheduler named like a task has
+// a track of its own.
 TEST(TraceEvents, RunsBecomeSlicesOnTheirTracksAndLostEndsAreClipped) {
   using enum EventType;
   TaskSchedulerHistory history(6);
