@@ -10,13 +10,18 @@
 #include "SchedulerTestSupport.h"
 
 // Counts every allocation of this program.
-static std::atomic<size_t> allocationCount{0};
-
-void* operator new(std::size_t size) {
+namespace {
+std::atomic<size_t> allocationCount{0};
+void* countedAllocation(std::size_t size) {
   allocationCount.fetch_add(1, std::memory_order_relaxed);
   if (void* memory = std::malloc(size == 0 ? 1 : size))
     return memory;
   throw std::bad_alloc();
+}
+}  // namespace
+
+void* operator new(std::size_t size) {
+  return countedAllocation(size);
 }
 void operator delete(void* memory) noexcept {
   std::free(memory);
@@ -107,26 +112,16 @@ TEST_F(TaskSchedulerHistoryTest, EventTypesHaveDisplayTextsAndWrongKindsAreAsser
             "schedulerIdle,schedulerRunnable,schedulerSuspended,schedulerUnsuspended,"
             "schedulerRunIgnoredWhileSuspended,schedulerVirtualTimeOn,schedulerVirtualTimeOff,"
             "schedulerTestYieldRatioOn,schedulerTestYieldRatioOff,");
-  struct Row {
-    int kind;  // 0: display, 1: task event, 2: scheduler event
-    EventType type;
-    char const* message;
-  } const rows[] = {{0, EventType(26), "unexpected eventType 26"},
-                    {1, EventType::schedulerIdle, "EventType: 17"},
-                    {1, EventType(26), "unexpected eventType=26"},
-                    {2, EventType::fdWritable, "EventType: 16"},
-                    {2, EventType(200), "unexpected eventType=200"}};
-  for (Row const& row : rows) {
-    EXPECT_THAT(assertionText([&] {
-                  if (row.kind == 0)
-                    TaskSchedulerHistory::eventTypeDisplay(row.type);
-                  else if (row.kind == 1)
-                    history_.insertTaskEvent(at(0), row.type, reader_);
-                  else
-                    history_.insertSchedulerEvent(at(0), row.type, main_);
-                }),
-                EndsWith(row.message));
-  }
+  EXPECT_THAT(assertionText([] { TaskSchedulerHistory::eventTypeDisplay(EventType(26)); }),
+              EndsWith("unexpected eventType 26"));
+  for (auto [type, message] : {std::pair{EventType::schedulerIdle, "EventType: 17"},
+                               {EventType(26), "unexpected eventType=26"}})
+    EXPECT_THAT(assertionText([&] { history_.insertTaskEvent(at(0), type, reader_); }),
+                EndsWith(message));
+  for (auto [type, message] : {std::pair{EventType::fdWritable, "EventType: 16"},
+                               {EventType(200), "unexpected eventType=200"}})
+    EXPECT_THAT(assertionText([&] { history_.insertSchedulerEvent(at(0), type, main_); }),
+                EndsWith(message));
   EXPECT_EQ(history_.eventCount(), 0u);
 }
 
