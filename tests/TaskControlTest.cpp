@@ -25,13 +25,10 @@ constexpr double microsecond = 1e-6;  // what libevent keeps
 struct Handler : TimeoutHandler, CallbackHandler, FdEventHandler {
   void timeout() override {
     firedAt.push_back(Tamlo::time());
-    if (timer) {
+    if (timer)
       EXPECT_EQ(timer->remainingTimeout(), infinity);
-      if (again > 0 && again--) {
-        timer->setTimeout(0.25);
-        EXPECT_GT(timer->remainingTimeout(), 0);
-      }
-    }
+    if (timer && again > 0 && again--)
+      timer->setTimeout(0.25);
     note();
   }
   void callback() override {

@@ -54,8 +54,7 @@ TEST(SnapshotRenderJsonAsync, LargeTreeReachesASlowReaderAndUnservableDescriptor
   EXPECT_GT(runsWhileWriting, 40);
   EXPECT_EQ(::fcntl(fds[1], F_GETFL) & O_NONBLOCK, 0) << "the caller's flags are restored";
   rapidjson::Document document;
-  document.Parse(text.c_str());
-  ASSERT_FALSE(document.HasParseError()) << text.substr(0, 200);
+  ASSERT_FALSE(document.Parse(text.c_str()).HasParseError()) << text.substr(0, 200);
   EXPECT_EQ(document["schedulers"][0]["tasks"]["tasks"].Size(), tree.tasks.size())
       << "taken before the reader and the writing tasks existed";
   EXPECT_EQ(document["historyEntryCount"].GetUint(), tree.root->historyEntryCount());
@@ -141,9 +140,8 @@ TEST(StatsSocketTest, AHundredClientsGetTheirAnswersAndVanishingOnesCostNothing)
       Case const& row = cases[i % std::size(cases)];
       answers[i] += readAll(clients[i]);
       EXPECT_EQ(row.whole ? answers[i] : answers[i].substr(0, row.answer.size()), row.answer) << i;
-      rapidjson::Document document;
       EXPECT_TRUE(row.whole || row.answer[0] == 'P' ||
-                  !document.Parse(answers[i].c_str()).HasParseError())
+                  !rapidjson::Document().Parse(answers[i].c_str()).HasParseError())
           << i;
       ::close(clients[i]);
     }
@@ -165,10 +163,11 @@ TEST(StatsSocketTest, SilentOrStalledClientsAreClosedAfterTheIdleTimeout) {
   EXPECT_EQ(server->connectionCount(), 1u) << "the silent one is gone";
   Platform::doEventLoop(timeout + 4.5);
   EXPECT_EQ(server->connectionCount(), 0u) << "the stalled one, after two checks";
-  char byte;
-  EXPECT_EQ(::read(silent, &byte, 1), 0);
-  EXPECT_EQ(::read(stalled, &byte, 1), 0);
-  ::close(silent), ::close(stalled);
+  for (int client : {silent, stalled}) {
+    char byte;
+    EXPECT_EQ(::read(client, &byte, 1), 0);
+    ::close(client);
+  }
   Platform::setFastForward(false);
 }
 

@@ -150,15 +150,11 @@ TEST_F(StatsTree, JsonNestsGroupsAndWritesEachMemberUnderItsCondition) {
       "schedulerName,isRootScheduler,priorityStats,maxSchedulerSlip,tasks,subSchedulers";
   EXPECT_EQ(keysOf(sub), plain);
   EXPECT_STREQ(sub["tasks"]["tasks"][0]["name"].GetString(), "inGroup");
-  std::ostringstream os;
-  root_->statsRenderJson(os, false, false, false);
-  EXPECT_EQ(keysOf(parse(os.str())), plain);
+  EXPECT_EQ(keysOf(parse(root_->statsRenderJsonToString(false, false, false))), plain);
 
   Json const& history = doc["history"];
   EXPECT_EQ(doc["historyEntryCount"].GetUint(), root_->historyEntryCount());
   EXPECT_EQ(keysOf(history[0]), "eventId,nsSinceBoot,eventType,name");
-  EXPECT_EQ(history[history.Size() - 1]["eventId"].GetUint64(),
-            root_->history()->eventsRecorded() - 1);
   EXPECT_EQ(history[0]["eventId"].GetUint64(), root_->history()->eventsRecorded() - history.Size());
   EXPECT_THAT(root_->historyRenderTraceEventsToString(),
               HasSubstr(R"("tid":0,"args":{"name":"stats"}})"));
