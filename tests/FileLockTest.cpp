@@ -51,12 +51,17 @@ TEST_F(FileLockTest, LockConflictsReentersAndReleasesWithItsTraces) {
       closeOnExec += ::fcntl(std::stoi(fd.path().filename()), F_GETFD) == FD_CLOEXEC ? 1 : 100;
   EXPECT_EQ(closeOnExec, 1);
 
+  std::string const directoryLock = directory_ + "/dir.lock";
+  ASSERT_EQ(Tamlo::Util::mkpath(directoryLock, 0777), 0);
+  FileLock unopenable(*handle_, directory_, "dir.lock");
   int const descriptors = openDescriptorCount();
   std::pair<std::function<bool()>, std::string> const attempts[] = {
       {[&] { return second.lock(false); }, "error: conflicting lock held on file:" + file_},
       {[&] { return first.lock(false); }, "error: conflicting lock held on file:" + file_},
       {[&] { return first.lock(true); },
        "re-entry held by pid:" + std::to_string(::getpid()) + " on file:" + file_},
+      {[&] { return unopenable.lock(false); },
+       "error: could not open lock file:" + directoryLock + " Is a directory"},
   };
   for (auto const& [attempt, expected] : attempts) {
     auto const [result, trace] = traced(attempt);
@@ -65,29 +70,10 @@ TEST_F(FileLockTest, LockConflictsReentersAndReleasesWithItsTraces) {
     EXPECT_EQ(openDescriptorCount(), descriptors) << expected;
   }
 
-  auto const [unused, releaseTrace] = traced([&] { return first.release(), true; });
-  EXPECT_THAT(releaseTrace, HasSubstr("closed fd for file:" + file_ + "\n"));
-  EXPECT_THAT(releaseTrace, HasSubstr("released lock on file:" + file_ + "\n"));
-  EXPECT_THAT(traced([&] { return first.closeFd(), true; }).second,
-              HasSubstr("no active fd: nothing to do\n"));
+  EXPECT_THAT(traced([&] { return first.release(), true; }).second,
+              HasSubstr("released lock on file:" + file_ + "\n"));
   EXPECT_TRUE(second.lock(false));
   EXPECT_EQ(openDescriptorCount(), descriptors);
-}
-
-TEST_F(FileLockTest, UnopenableFileIsAnOrdinaryFailure) {
-  ASSERT_EQ(Tamlo::Util::mkpath(file_, 0777), 0);  // a directory where the file should be
-  FileLock lock(*handle_, directory_, "svc.lock");
-  auto const [locked, trace] = traced([&] { return lock.lock(false); });
-  EXPECT_FALSE(locked);
-  EXPECT_THAT(trace, HasSubstr("error: could not open lock file:" + file_ + " Is a directory\n"));
-
-  // With no directory the file name alone is the path, relative to here.
-  FileLock bare(*handle_, "", "bare.lock");
-  auto const here = std::filesystem::current_path();
-  std::filesystem::current_path(scratch_.path());
-  EXPECT_TRUE(bare.lock(false));
-  std::filesystem::current_path(here);
-  EXPECT_TRUE(std::filesystem::exists(scratch_ / "bare.lock"));
 }
 
 TEST_F(FileLockTest, MisuseIsAnAssertionFailure) {
@@ -111,7 +97,6 @@ TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
                                  false);
     auto const& run = child.wait();
     EXPECT_EQ(run.signal, SIGABRT);
-    EXPECT_THAT(run.err, HasSubstr("Tamlo::Assert aborting because: "));
     EXPECT_THAT(run.err, HasSubstr("FileLock::release() called from child process:" +
                                    std::to_string(child.pid()) +
                                    " of owner pid:" + std::to_string(::getpid()) + "\n"));
