@@ -1,7 +1,5 @@
-// Helpers for the tests of the system utilities: a scratch directory,
-// descriptor counting, errors caught as text, and forked children (the tests
-// run as root, who passes every permission check, so a child can drop to
-// the user nobody).
+// For the tests of the system utilities: a scratch directory, descriptor
+// counts, errors as text, forked children (which may drop root to nobody).
 #pragma once
 
 #include <fcntl.h>
@@ -38,8 +36,8 @@ class ScratchDirectory {
   std::string path_;
 };
 
-// "Class: message" of the Tamlo exception `body` throws, or "(none)"; fails
-// the test if `body` leaves a descriptor more or less open.
+// "Class: message" of the Tamlo exception `body` throws, or "(none)"; a
+// descriptor more or less open after `body` fails the test.
 inline std::string errorOf(std::function<void()> const& body) {
   // The first backtrace makes libunwind open a pipe that it keeps.
   [[maybe_unused]] static bool const warmedUp = [] {
@@ -60,9 +58,8 @@ inline std::string errorOf(std::function<void()> const& body) {
   return error;
 }
 
-// A forked child that runs `body` (as the user nobody when `asNobody`) with
-// its standard error on a pipe, then closes that to tell it is done and lives
-// on until wait() or the end of this object.
+// A forked child that runs `body` (as nobody when `asNobody`) with its
+// standard error on a pipe, then lives on until wait() or the destructor.
 class LiveChild {
  public:
   explicit LiveChild(std::function<void()> const& setUp)
@@ -76,13 +73,12 @@ class LiveChild {
       if (asNobody && (::setgroups(0, nullptr) != 0 || ::setgid(65534) || ::setuid(65534)))
         ::_exit(126);
       int const code = body();
-      for (int fd : {2, errors[1], done[1]})
-        ::close(fd);
       char byte;
+      for (int fd : {2, errors[1], done[1]})  // the parent reads stderr up to here
+        ::close(fd);
       ::_exit(::read(done[0], &byte, 1) == 0 ? code : 125);
     }
-    for (int fd : {errors[1], done[0]})
-      ::close(fd);
+    ::close(errors[1]), ::close(done[0]);
     char buffer[4096];
     for (ssize_t n; (n = ::read(errors[0], buffer, sizeof buffer)) > 0;)
       result_.err.append(buffer, static_cast<size_t>(n));
@@ -91,7 +87,7 @@ class LiveChild {
   }
   ~LiveChild() { wait(); }
   pid_t pid() const { return pid_; }
-  // Lets the child exit: its exit code or signal and its standard error.
+  // Lets the child exit.
   ChildResult const& wait() {
     if (done_ >= 0) {
       ::close(std::exchange(done_, -1));
