@@ -104,17 +104,4 @@ TEST_F(FileLockTest, ForkedChildCannotReleaseOrDestroyTheParentsLock) {
   }
 }
 
-// A server that dies holding its lock (killed, so no destructor runs) frees
-// it with its open file: the next start takes it.
-TEST_F(FileLockTest, ALockHeldByAProcessThatDiesIsFreedWithIt) {
-  Tamlo::Test::LiveChild holder(
-      [&] { (new FileLock(*handle_, directory_, "svc.lock"))->lock(false); });
-  EXPECT_EQ(Tamlo::Util::readLockPid(file_), holder.pid());
-  FileLock lock(*handle_, directory_, "svc.lock");
-  EXPECT_FALSE(traced([&] { return lock.lock(false); }).first);
-  ::kill(holder.pid(), SIGKILL);
-  EXPECT_EQ(holder.wait().signal, SIGKILL);
-  EXPECT_TRUE(lock.lock(false));
-}
-
 }  // namespace

@@ -1,5 +1,5 @@
 // Timer tasks in virtual time: how each schedule form sets, keeps or stops the
-// expiry; the history, trace lines and jitter of a timer; the checks that abort.
+// expiry; the trace lines and jitter of a timer; forks; the checks that abort.
 #include <Tamlo/TimerTask.h>
 
 #include <csignal>
@@ -15,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
 using Tamlo::TimerTask;
-using EventType = Tamlo::TaskSchedulerHistory::EventType;
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
@@ -78,18 +77,6 @@ TEST_F(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
   }
 }
 
-TEST_F(TimerTaskTest, OnlyARunningTimerRecordsItsStop) {
-  auto const timer = Tamlo::makeShared<RecordingTimer>(root_, Tamlo::TaskPriority::normal, "tick");
-  timer->stopTimerTask();
-  timer->scheduleTaskDelay(1.0);
-  timer->stopTimerTask();
-  std::vector<EventType> events;
-  for (int age = 4; age >= 0; --age)
-    events.push_back(root_->history()->event(age).eventType());
-  EXPECT_EQ(events, std::vector({EventType::create, EventType::timerStart, EventType::busy,
-                                 EventType::timerStop, EventType::idle}));
-}
-
 // A fresh process draws as a fresh root here does: both seeds start at 0.
 TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
   auto const twin = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("twin");
@@ -122,33 +109,28 @@ TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
   EXPECT_EQ(lines, expected);
 }
 
-TEST(TimerTaskForkTest, ATimerArmedBeforeForkRunsInBothAndTheChildRunsItsOwn) {
-  auto const run = Tamlo::Test::runHelper("SchedulerHelper", {"fork"});
-  EXPECT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(run.out,
-            "child: forked 1 inherited 1 own 1\n"
-            "parent: forked 0 inherited 1 child status 0\n");
-}
-
-// Of timers, groups and fd tasks (readiness not watched for).
-TEST(TaskFatalTest, BrokenChecksAbortWithTheirMessage) {
+// Of timers, groups and fd tasks (readiness not watched for); forking keeps the
+// timers of both processes running.
+TEST(TaskChildTest, BrokenChecksAbortWithTheirMessageAndAForkedTimerRunsInBoth) {
   std::pair<char const*, char const*> const rows[] = {
-      {"jitter101", "maxJitterPercentage: e > 100"},
-      {"lowestnever", "delayIntoFuture: 9223372036854775807ns"},
-      {"lowestinfinity", "delayIntoFuture: inf"},
-      {"jitternegative", "offset( 0ns ) > delayIntoFuture( -10ns )"},
-      {"grouppriority", "taskPriority( normal ) != taskGroupPriority( high )"},
-      {"orphanparent", "TaskGroup is non-null"},
-      {"groupsuspended", "TaskGroup parentTask should be scheduled."},
-      {"fdreadoff", "readFdEvent() called with taskWatchReadable off"},
-      {"fdwriteoff", "writeFdEvent() called with taskWatchWritable off"},
-      {"fdother", "Notified about 21 watching 20"},
+      {"jitter101", "Assertion `maxJitterPercentage: e > 100' failed"},
+      {"lowestnever", "Assertion `delayIntoFuture: 9223372036854775807ns' failed"},
+      {"lowestinfinity", "Assertion `delayIntoFuture: inf' failed"},
+      {"jitternegative", "Assertion `offset( 0ns ) > delayIntoFuture( -10ns )' failed"},
+      {"grouppriority", "Assertion `taskPriority( normal ) != taskGroupPriority( high )' failed"},
+      {"orphanparent", "Assertion `TaskGroup is non-null' failed"},
+      {"groupsuspended", "Assertion `TaskGroup parentTask should be scheduled.' failed"},
+      {"fdreadoff", "Assertion `readFdEvent() called with taskWatchReadable off' failed"},
+      {"fdwriteoff", "Assertion `writeFdEvent() called with taskWatchWritable off' failed"},
+      {"fdother", "Assertion `Notified about 21 watching 20' failed"},
+      {"fork", "child: forked 1 inherited 1 own 1\nparent: forked 0 inherited 1 child status 0\n"},
   };
   for (auto const& [mode, message] : rows) {
     auto const result = Tamlo::Test::runHelper("SchedulerHelper", {mode}, {},
                                                {"TRACE", "TRACEFILE", "TRACEFORMAT"});
-    EXPECT_EQ(result.signal, SIGABRT) << mode;
-    EXPECT_THAT(result.err, ::testing::HasSubstr(fmt::format("Assertion `{}' failed", message)));
+    bool const fork = std::string_view(mode) == "fork";
+    EXPECT_EQ(result.signal, fork ? 0 : SIGABRT) << mode;
+    EXPECT_THAT(fork ? result.out : result.err, ::testing::HasSubstr(message)) << result.err;
   }
 }
 
