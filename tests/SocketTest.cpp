@@ -38,8 +38,6 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   std::pair<std::function<void()>, std::string> const cases[] = {
       {[&] { Tamlo::connectAbstract(prefix + "-none"); },
        "RuntimeException: connect @" + prefix + "-none: Connection refused"},
-      {[&] { Tamlo::listenAbstract(name); },
-       "RuntimeException: bind @" + name + ": Address already in use"},
       {[&] { Tamlo::connectAbstract(std::string(108, 'x')); },
        "OutOfRangeException: abstract socket name of 108 bytes, not 1 to 107: @" +
            std::string(108, 'x')},

@@ -25,12 +25,6 @@ struct RecordingTimer : TimerTask {
   std::vector<double> runs;
 };
 
-class TimerTaskTest : public ::testing::Test {
- protected:
-  ~TimerTaskTest() override { Tamlo::Platform::setFastForward(false); }
-  std::shared_ptr<Tamlo::TaskSchedulerRoot> root_ = Tamlo::Test::virtualTimeRoot("timers");
-};
-
 using Step = std::function<void(TimerTask&)>;
 Step delay(double seconds) {
   return [seconds](TimerTask& t) { t.scheduleTaskDelay(seconds); };
@@ -38,7 +32,8 @@ Step delay(double seconds) {
 
 // `fires`: seconds from the start to the expiry; 0: runnable at once, no
 // timer; never: idle.
-TEST_F(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
+TEST(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
+  auto const root = Tamlo::Test::virtualTimeRoot("timers");
   struct Row {
     char const* name;
     Step first, second;
@@ -59,8 +54,7 @@ TEST_F(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
   };
   for (Row const& row : rows) {
     SCOPED_TRACE(row.name);
-    auto const timer =
-        Tamlo::makeShared<RecordingTimer>(root_, Tamlo::TaskPriority::normal, "tick");
+    auto const timer = Tamlo::makeShared<RecordingTimer>(root, Tamlo::TaskPriority::normal, "tick");
     double const before = Tamlo::time();
     row.first(*timer);
     row.second(*timer);
@@ -75,6 +69,7 @@ TEST_F(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
     for (double const at : timer->runs)  // never early; late by the real time a pass takes
       EXPECT_TRUE(!timed || (at >= due && at < due + 0.5));
   }
+  Tamlo::Platform::setFastForward(false);
 }
 
 // A fresh process draws as a fresh root here does: both seeds start at 0.
