@@ -18,21 +18,17 @@
 namespace Tamlo::Test {
 
 inline int openDescriptorCount() {
-  auto const fds = std::filesystem::directory_iterator("/proc/self/fd");
-  return static_cast<int>(std::distance(begin(fds), end(fds)));
+  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 // A directory under /tmp that everybody may enter, removed with its contents.
-class ScratchDirectory {
- public:
+struct ScratchDirectory {
   ScratchDirectory() : path_(::mkdtemp(std::string("/tmp/tamlo-test-XXXXXX").data())) {
     std::filesystem::permissions(path_, std::filesystem::perms::all);
   }
   ~ScratchDirectory() { std::filesystem::remove_all(path_); }
   std::string const& path() const { return path_; }
   std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-
- private:
   std::string path_;
 };
 
@@ -60,8 +56,7 @@ inline std::string errorOf(std::function<void()> const& body) {
 
 // A forked child that runs `body` (as nobody when `asNobody`) with its
 // standard error on a pipe, then lives on until wait() or the destructor.
-class LiveChild {
- public:
+struct LiveChild {
   explicit LiveChild(std::function<void()> const& setUp)
       : LiveChild([&] { return setUp(), 0; }, false) {}
   LiveChild(std::function<int()> const& body, bool asNobody) {
@@ -87,7 +82,6 @@ class LiveChild {
   }
   ~LiveChild() { wait(); }
   pid_t pid() const { return pid_; }
-  // Lets the child exit.
   ChildResult const& wait() {
     if (done_ >= 0) {
       ::close(std::exchange(done_, -1));
@@ -98,8 +92,6 @@ class LiveChild {
     }
     return result_;
   }
-
- private:
   pid_t pid_;
   int done_;
   ChildResult result_;
