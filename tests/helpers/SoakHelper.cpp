@@ -39,30 +39,29 @@ void fail(fmt::format_string<Args...> format, Args&&... args) {
     failures.push_back(fmt::format(format, std::forward<Args>(args)...));
 }
 
-size_t openDescriptors() {
-  return size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+// Open descriptors and live allocations, which a run must leave as it found them.
+std::pair<size_t, uint64_t> held() {
+  return {size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})),
+          Tamlo::AllocatorStats::liveAllocations()};
 }
 
 struct SoakThread {
   struct Timer : Tamlo::TimerTask {
-    Timer(SoakThread& owner, uint32_t index)  // high to scavenge priorities
-        : TimerTask(Tamlo::schedulerRootTamlo(), TaskPriority(uint8_t(1 + index % 4)), "soak"),
-          owner(owner),
-          index(index) {}
+    using TimerTask::TimerTask;
     void arm() {
-      double const delay = double(1 + owner.random() % 20) / 1000;  // 1 to 20 ms, +-50%
-      owner.random() % 2 ? scheduleTaskJitterUp(delay, 50) : scheduleTaskJitterDown(delay, 50);
+      double const delay = double(1 + owner->random() % 20) / 1000;  // 1 to 20 ms, +-50%
+      owner->random() % 2 ? scheduleTaskJitterUp(delay, 50) : scheduleTaskJitterDown(delay, 50);
       expiry = currentExpirationTime();
       armed = true;
     }
     void taskExecute() override {
       if (!std::exchange(armed, false) || Tamlo::time() < expiry)
-        fail("thread {}: timer {} ran unarmed or before {:.6f}", owner.index, index, expiry);
-      owner.deliver(index, ++runs);
+        fail("thread {}: timer {} ran unarmed or before {:.6f}", owner->index, index, expiry);
+      owner->deliver(index, ++runs);
       if (runs < kArmingsPerTimer)
         arm();
     }
-    SoakThread& owner;
+    SoakThread* owner;
     uint32_t index;
     double expiry = 0;
     bool armed = false;
@@ -70,26 +69,25 @@ struct SoakThread {
   };
 
   struct Link : Tamlo::FileDescriptorTask {
-    Link(SoakThread& owner, int fd)
-        : FileDescriptorTask(Tamlo::schedulerRootTamlo(), TaskPriority::normal, "link"),
-          owner(owner) {
-      taskWatchFdIs(fd);
-    }
-    void taskExecuteReadable() override { owner.receive(); }
-    void taskExecuteWritable() override { owner.flush(); }
-    SoakThread& owner;
+    using FileDescriptorTask::FileDescriptorTask;
+    void taskExecuteReadable() override { owner->receive(); }
+    void taskExecuteWritable() override { owner->flush(); }
+    SoakThread* owner;
   };
 
   void run() {
     trace = Tamlo::Platform::getDebugHandler("Soak");
     {
-      auto const out = Tamlo::makeShared<Link>(*this, sendFd);
-      auto const in = Tamlo::makeShared<Link>(*this, receiveFd);
-      out->taskWatchReadableIs(false);
-      sender = out.get();
+      auto const root = Tamlo::schedulerRootTamlo();
+      auto const out = Tamlo::makeShared<Link>(root, TaskPriority::normal, "link");
+      auto const in = Tamlo::makeShared<Link>(root, TaskPriority::normal, "link");
+      out->owner = in->owner = this, sender = out.get();
+      out->taskWatchFdIs(sendFd), out->taskWatchReadableIs(false), in->taskWatchFdIs(receiveFd);
       std::vector<std::shared_ptr<Timer>> timers;
-      for (uint32_t i = 0; i < timerCount; ++i)
-        timers.push_back(Tamlo::makeShared<Timer>(*this, i)), timers.back()->arm();
+      for (uint32_t i = 0; i < timerCount; ++i) {  // high to scavenge
+        timers.push_back(Tamlo::makeShared<Timer>(root, TaskPriority(uint8_t(1 + i % 4)), "soak"));
+        timers.back()->owner = this, timers.back()->index = i, timers.back()->arm();
+      }
       uint64_t const expected = timerCount * kArmingsPerTimer;
       while (delivered != expected || !outbox.empty() || received != expected)
         Tamlo::Platform::doEventLoopInWaitfor(0.05);
@@ -138,8 +136,7 @@ struct SoakThread {
 int main(int argc, char** argv) {
   char const* const scale = argc > 1 ? argv[1] : std::getenv("TAMLO_SOAK_SCALE");
   size_t const timersPerThread = 500 * std::max(scale ? std::strtoul(scale, nullptr, 10) : 1, 1ul);
-  size_t const descriptorsBefore = openDescriptors();
-  uint64_t const allocationsBefore = Tamlo::AllocatorStats::liveAllocations();
+  auto const before = held();
   uint64_t runs = 0;
   {
     int links[kThreads][2];  // links[i] carries thread i's messages to thread i + 1
@@ -149,19 +146,14 @@ int main(int argc, char** argv) {
     std::vector<SoakThread> soaks;
     for (uint32_t i = 0; i < kThreads; ++i)
       soaks.push_back({i, timersPerThread, links[i][0], links[(i + kThreads - 1) % kThreads][1]});
-    {
-      std::vector<std::jthread> threads;
-      for (SoakThread& soak : soaks)
-        threads.emplace_back([&soak] { soak.run(); });
-    }
+    for (std::vector<std::jthread> threads; SoakThread & soak : soaks)  // joined after the loop
+      threads.emplace_back([&soak] { soak.run(); });
     for (uint32_t i = 0; i < kThreads; ++i)
       runs += soaks[i].delivered, ::close(links[i][0]), ::close(links[i][1]);
   }
-  if (openDescriptors() != descriptorsBefore)
-    fail("{} descriptors open before, {} after", descriptorsBefore, openDescriptors());
-  if (Tamlo::AllocatorStats::liveAllocations() != allocationsBefore)
-    fail("{} live allocations before, {} after", allocationsBefore,
-         Tamlo::AllocatorStats::liveAllocations());
+  if (auto const after = held(); after != before)
+    fail("{} descriptors and {} allocations before, {} and {} after", before.first, before.second,
+         after.first, after.second);
   fmt::print("soak: {} threads, {} timer tasks, {} runs\n", kThreads, kThreads * timersPerThread,
              runs);
   for (std::string const& failure : failures)
