@@ -1,5 +1,5 @@
-// File-descriptor tasks over socketpairs through the real event loop (the
-// checks that end the process are with the other tasks' in TimerTaskTest).
+// Fd tasks over socketpairs in the real event loop (the fatal checks are in TimerTaskTest).
+#include <Tamlo/Allocator.h>
 #include <Tamlo/FileDescriptorTask.h>
 
 #include <fcntl.h>
@@ -8,8 +8,6 @@
 
 #include <set>
 #include <stdexcept>
-
-#include <Tamlo/Allocator.h>
 
 #include "TestSupport.h"
 
@@ -43,9 +41,7 @@ class FileDescriptorTaskTest : public ::testing::Test {
   int fds_[2] = {-1, -1};
 };
 
-// An echo: "ping" read, then "pong" written once writable. Writability is
-// asked for once and reads are turned off, so the loop ends by itself after
-// one run of each direction.
+// An echo that asks for writability once and then stops reading, so the loop ends by itself.
 TEST_F(FileDescriptorTaskTest, EachDirectionRunsOnItsReadinessAndIsChargedItsWork) {
   auto const task = makeTask(
       [](FdTask& t) {
@@ -74,8 +70,6 @@ TEST_F(FileDescriptorTaskTest, EachDirectionRunsOnItsReadinessAndIsChargedItsWor
   EXPECT_THAT(root_->historyRenderTextForDebugToString(), HasSubstr("fdWritable   N net\n"));
 }
 
-// Both directions stay scheduled, and the owner busy, unless the descriptor
-// changes; the subtasks' stats names follow the owner's, whenever it is set.
 TEST_F(FileDescriptorTaskTest, AnotherDescriptorUnschedulesAndSubtasksTakeTheOwnersStatsName) {
   for (auto const& [sameFd, statsName, writeSideFirst] :
        {std::tuple{true, "", false}, std::tuple{false, "netStats", false},
@@ -100,8 +94,7 @@ TEST_F(FileDescriptorTaskTest, AnotherDescriptorUnschedulesAndSubtasksTakeTheOwn
   }
 }
 
-// A read run with reads unwatched, and one while a run that threw is still
-// executing, are refused and counted.
+// Reads unwatched, or a run that threw still executing: the run is refused but counted.
 TEST_F(FileDescriptorTaskTest, TheReadSideRefusesRunsItMustNotMake) {
   auto const task = makeTask([](FdTask&) { throw std::runtime_error("broke off"); });
   task->taskWatchReadableIs(false);
@@ -117,8 +110,6 @@ TEST_F(FileDescriptorTaskTest, TheReadSideRefusesRunsItMustNotMake) {
   EXPECT_EQ(task->taskRunCountReadable(), 3u);
 }
 
-// A watched descriptor closed under the watch, its number reused by a new
-// connection that is watched afresh after taskWatchFdDel(), reads the new one.
 TEST_F(FileDescriptorTaskTest, ADescriptorNumberReusedUnderTheWatchIsWatchedAfresh) {
   std::string got;
   auto const task = makeTask([&got](FdTask& t) {

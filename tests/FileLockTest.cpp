@@ -20,7 +20,6 @@ class FileLockTest : public testing::Test {
     handle_->enabledIs(1, true);
   }
 
-  // The trace lines `action` writes, and whether it returned true.
   std::pair<bool, std::string> traced(std::function<bool()> const& action) {
     testing::internal::CaptureStderr();
     bool const result = action();

@@ -1,6 +1,5 @@
-// The soak run of tests/helpers/SoakHelper.cpp in a child, so that TRACEFILE is
-// read at load; TAMLO_SOAK_SCALE, inherited, sets its size. Its trace file must
-// hold one whole line per timer run, none cut into by another thread's.
+// The soak in a child, which reads TRACEFILE at load and inherits TAMLO_SOAK_SCALE; its trace
+// file must hold one whole line per timer run, none cut into by another thread's.
 #include <unistd.h>
 
 #include <cstdio>

@@ -55,8 +55,7 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   }
 }
 
-// A network namespace named as `ip netns add` names it, made by unsharing
-// one thread and bind-mounting its namespace under /run/netns.
+// A namespace made as `ip netns add` makes it: a thread's, bind-mounted under /run/netns.
 class NetNsTest : public testing::Test {
  protected:
   void SetUp() override {

@@ -1,5 +1,4 @@
-// For the tests of the system utilities: a scratch directory, descriptor
-// counts, errors as text, forked children (which may drop root to nobody).
+// For the system utility tests (run as root: a child may drop to nobody).
 #pragma once
 
 #include <fcntl.h>
@@ -32,8 +31,7 @@ struct ScratchDirectory {
   std::string path_;
 };
 
-// "Class: message" of the Tamlo exception `body` throws, or "(none)"; a
-// descriptor more or less open after `body` fails the test.
+// "Class: message" of what `body` throws, or "(none)"; fails on a descriptor leak.
 inline std::string errorOf(std::function<void()> const& body) {
   // The first backtrace makes libunwind open a pipe that it keeps.
   [[maybe_unused]] static bool const warmedUp = [] {
@@ -54,8 +52,7 @@ inline std::string errorOf(std::function<void()> const& body) {
   return error;
 }
 
-// A forked child that runs `body` (as nobody when `asNobody`) with its
-// standard error on a pipe, then lives on until wait() or the destructor.
+// A forked child running `body`, its stderr captured, alive until wait() or destruction.
 struct LiveChild {
   explicit LiveChild(std::function<void()> const& setUp)
       : LiveChild([&] { return setUp(), 0; }, false) {}

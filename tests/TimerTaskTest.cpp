@@ -1,5 +1,4 @@
-// Timer tasks in virtual time: how each schedule form sets, keeps or stops the
-// expiry; the trace lines and jitter of a timer; forks; the checks that abort.
+// Timer tasks: schedule forms in virtual time, trace lines and jitter, forks, fatal checks.
 #include <Tamlo/TimerTask.h>
 
 #include <csignal>
@@ -18,7 +17,6 @@ using Tamlo::TimerTask;
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
-// Records the virtual time of each run.
 struct RecordingTimer : TimerTask {
   using TimerTask::TimerTask;
   void taskExecute() override { runs.push_back(Tamlo::time()); }
@@ -104,8 +102,7 @@ TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
   EXPECT_EQ(lines, expected);
 }
 
-// Of timers, groups and fd tasks (readiness not watched for); forking keeps the
-// timers of both processes running.
+// Of timers, groups and fd tasks; a fork keeps the timers of both processes.
 TEST(TaskChildTest, BrokenChecksAbortWithTheirMessageAndAForkedTimerRunsInBoth) {
   std::pair<char const*, char const*> const rows[] = {
       {"jitter101", "Assertion `maxJitterPercentage: e > 100' failed"},

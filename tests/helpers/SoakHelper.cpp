@@ -1,9 +1,6 @@
-// A soak run: eight threads, each with its own scheduler root and event loop,
-// run timer tasks of mixed priorities that re-arm with jittered delays; each
-// run traces a line and sends a message to the next thread over a socketpair
-// watched by fd tasks. Usage: SoakHelper [scale] (else TAMLO_SOAK_SCALE; 200
-// gives 100,000 timer tasks a thread). Prints a summary line, then a FAIL line
-// per broken promise, and exits 1 if there was any.
+// SoakHelper [scale, else TAMLO_SOAK_SCALE]: eight threads, each with its own event loop, run
+// jittered timer tasks of every priority; each run traces a line and messages the next thread
+// over fd tasks. Prints a summary, then a FAIL line per broken promise (exit code 1).
 #include <sys/socket.h>
 #include <unistd.h>
 
