@@ -30,7 +30,6 @@ TEST(SoakTest, TimersMessagesAndTraceLinesSurviveEightLoadedThreads) {
     if (!ok && ++broken < 5)
       ADD_FAILURE() << "cut line: " << line;
   }
-  EXPECT_EQ(broken, 0u);
   EXPECT_EQ(whole, runs);  // a timer run twice is the helper's to catch
   std::remove(traceFile.c_str());
 }

@@ -34,13 +34,7 @@ struct ScratchDirectory {
 // "Class: message" of what `body` throws, or "(none)"; fails on a descriptor leak.
 inline std::string errorOf(std::function<void()> const& body) {
   // The first backtrace makes libunwind open a pipe that it keeps.
-  [[maybe_unused]] static bool const warmedUp = [] {
-    try {
-      RuntimeException::throwException("warm-up");
-    } catch (Exception const&) {
-    }
-    return true;
-  }();
+  [[maybe_unused]] static bool const warmedUp = (RuntimeException("warm-up"), true);
   int const before = openDescriptorCount();
   std::string error = "(none)";
   try {
