@@ -8,7 +8,6 @@
 namespace {
 
 using Tamlo::FileLock;
-using Tamlo::Test::openDescriptorCount;
 using testing::HasSubstr;
 
 class FileLockTest : public testing::Test {
@@ -50,7 +49,7 @@ TEST_F(FileLockTest, LockConflictsReentersAndReleasesWithItsTraces) {
   std::string const directoryLock = directory_ + "/dir.lock";
   ASSERT_EQ(Tamlo::Util::mkpath(directoryLock, 0777), 0);
   FileLock unopenable(*handle_, directory_, "dir.lock");
-  int const descriptors = openDescriptorCount();
+  int const descriptors = Tamlo::Test::openDescriptorCount();
   std::pair<std::function<bool()>, std::string> const attempts[] = {
       {[&] { return second.lock(false); }, "error: conflicting lock held on file:" + file_},
       {[&] { return first.lock(false); }, "error: conflicting lock held on file:" + file_},
@@ -63,13 +62,13 @@ TEST_F(FileLockTest, LockConflictsReentersAndReleasesWithItsTraces) {
     auto const [result, trace] = traced(attempt);
     EXPECT_EQ(result, expected.starts_with("re-entry")) << expected;
     EXPECT_THAT(trace, HasSubstr(expected + "\n"));
-    EXPECT_EQ(openDescriptorCount(), descriptors) << expected;
+    EXPECT_EQ(Tamlo::Test::openDescriptorCount(), descriptors) << expected;
   }
 
   EXPECT_THAT(traced([&] { return first.release(), true; }).second,
               HasSubstr("released lock on file:" + file_ + "\n"));
   EXPECT_TRUE(second.lock(false));
-  EXPECT_EQ(openDescriptorCount(), descriptors);
+  EXPECT_EQ(Tamlo::Test::openDescriptorCount(), descriptors);
 }
 
 TEST_F(FileLockTest, MisuseIsAnAssertionFailure) {

@@ -70,10 +70,7 @@ class NetNsTest : public testing::Test {
     if (error != 0)
       GTEST_SKIP() << "cannot make a network namespace here: " << Tamlo::strerror(error);
   }
-  void TearDown() override {
-    ::umount2(path_.c_str(), MNT_DETACH);
-    ::unlink(path_.c_str());
-  }
+  void TearDown() override { ::umount2(path_.c_str(), MNT_DETACH), ::unlink(path_.c_str()); }
   std::string const name_ = prefix + "-ns";
   std::string const path_ = "/run/netns/" + name_;
 };

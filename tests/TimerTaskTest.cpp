@@ -7,7 +7,6 @@
 #include <fmt/chrono.h>
 
 #include "SchedulerTestSupport.h"
-#include "TestSupport.h"
 
 namespace {
 
@@ -74,9 +73,8 @@ TEST(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
 TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
   auto const twin = Tamlo::TaskSchedulerRoot::TaskSchedulerRootIs("twin");
   std::vector<std::string> expected;
+  nanoseconds const delay = 1s + 4321ns;  // whole 10000 ns would hide a lost remainder
   for (int i = 0; i < 4; ++i) {
-    // A delay of whole 10000 ns would hide a lost remainder.
-    nanoseconds const delay = 1s + 4321ns;
     nanoseconds const offset{twin->randomPercent() * (50 * delay.count()) / 10000};
     expected.push_back(
         fmt::format("Timer jitterUp N tick delay {} + {} = {}", delay, offset, delay + offset));

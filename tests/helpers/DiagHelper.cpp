@@ -14,8 +14,7 @@
 
 void* volatile leaked = nullptr;
 
-// Out of line, so that no register or stack slot of main keeps the block.
-[[gnu::noinline]] void leakOnPurpose() {
+[[gnu::noinline]] void leakOnPurpose() {  // out of line: no register of main keeps the block
   leaked = std::malloc(4242);
   leaked = nullptr;
 }
