@@ -15,7 +15,6 @@ namespace {
 
 using Tamlo::Test::errorOf;
 
-// The calling thread's network namespace by default.
 ino_t inodeOf(std::string const& path = "/proc/thread-self/ns/net") {
   struct stat status = {};
   ::stat(path.c_str(), &status);
@@ -30,27 +29,20 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   Tamlo::Impl::UniqueFd const client(Tamlo::connectAbstract(name));
   Tamlo::Impl::UniqueFd const accepted(::accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC));
   ASSERT_TRUE(accepted.valid());
-  EXPECT_EQ(::write(client.get(), "x", 1), 1);
-  char byte = 0;
-  EXPECT_EQ(::read(accepted.get(), &byte, 1), 1);
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(Tamlo::ProcInfo::socketInode(client.get())), ::getpid());
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(0), -1);
 
   Tamlo::Impl::UniqueFd const directory(::open("/", O_RDONLY | O_CLOEXEC));
   ino_t const home = inodeOf();
-  std::string const absent = "/run/netns/" + prefix + "-absent";
   std::pair<std::function<void()>, std::string> const cases[] = {
       {[&] { Tamlo::connectAbstract(prefix + "-none"); },
        "RuntimeException: connect @" + prefix + "-none: Connection refused"},
-      {[&] { Tamlo::listenAbstract(name); },
-       "RuntimeException: bind @" + name + ": Address already in use"},
-      {[&] { Tamlo::listenAbstract(""); },
-       "OutOfRangeException: abstract socket name of 0 bytes, not 1 to 107: @"},
       {[&] { Tamlo::connectAbstract(std::string(108, 'x')); },
        "OutOfRangeException: abstract socket name of 108 bytes, not 1 to 107: @" +
            std::string(108, 'x')},
       {[&] { Tamlo::setnsByName(prefix + "-absent"); },
-       "RuntimeException: open network namespace " + absent + ": No such file or directory"},
+       "RuntimeException: open network namespace /run/netns/" + prefix +
+           "-absent: No such file or directory"},
       {[&] { Tamlo::setnsByName("../x"); },
        "OutOfRangeException: invalid network namespace name:../x"},
       {[&] { Tamlo::ProcInfo::socketInode(directory.get()); },
@@ -63,26 +55,22 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   }
 }
 
-// A network namespace named as `ip netns add` names it, made by unsharing
-// one thread and bind-mounting its namespace under /run/netns.
+// A namespace made as `ip netns add` makes it: a thread's, bind-mounted under /run/netns.
 class NetNsTest : public testing::Test {
  protected:
   void SetUp() override {
     int error = 0;
     std::thread([&] {
-      if (::unshare(CLONE_NEWNET) != 0 || Tamlo::Util::mkpath("/run/netns", 0755, true) != 0)
-        error = errno;
-      else if (Tamlo::Util::touch(path_),
-               ::mount("/proc/thread-self/ns/net", path_.c_str(), nullptr, MS_BIND, nullptr) != 0)
-        error = errno;
+      bool const made =
+          ::unshare(CLONE_NEWNET) == 0 && Tamlo::Util::mkpath("/run/netns", 0755, true) == 0 &&
+          (Tamlo::Util::touch(path_),
+           ::mount("/proc/thread-self/ns/net", path_.c_str(), nullptr, MS_BIND, nullptr) == 0);
+      error = made ? 0 : errno;
     }).join();
     if (error != 0)
       GTEST_SKIP() << "cannot make a network namespace here: " << Tamlo::strerror(error);
   }
-  void TearDown() override {
-    ::umount2(path_.c_str(), MNT_DETACH);
-    ::unlink(path_.c_str());
-  }
+  void TearDown() override { ::umount2(path_.c_str(), MNT_DETACH), ::unlink(path_.c_str()); }
   std::string const name_ = prefix + "-ns";
   std::string const path_ = "/run/netns/" + name_;
 };
@@ -91,7 +79,6 @@ TEST_F(NetNsTest, SocketsMadeInsideStayThereAndTheThreadAlwaysReturns) {
   ino_t const home = inodeOf();
   Tamlo::Impl::UniqueFd const server(
       Tamlo::inNetNs(name_, [&] { return Tamlo::listenAbstract(name_); }));
-  EXPECT_EQ(inodeOf(), home);
   EXPECT_THAT(errorOf([&] { Tamlo::connectAbstract(name_); }), testing::EndsWith("refused"));
   Tamlo::Impl::UniqueFd const client(
       Tamlo::inNetNs(name_, [&] { return Tamlo::connectAbstract(name_); }));
@@ -104,12 +91,12 @@ TEST_F(NetNsTest, SocketsMadeInsideStayThereAndTheThreadAlwaysReturns) {
   EXPECT_EQ(inodeOf("/proc/self/fd/" + std::to_string(socketNamespace.get())), inodeOf(path_));
   EXPECT_EQ(::fcntl(inet.get(), F_GETFD), FD_CLOEXEC);
 
-  std::thread([&] {
-    EXPECT_EQ(errorOf([&] { Tamlo::setnsByName(name_); }), "(none)");
-    EXPECT_EQ(inodeOf(), inodeOf(path_));
-    EXPECT_EQ(errorOf([] { Tamlo::setnsByName(Tamlo::DEFAULT_NS); }), "(none)");
-    EXPECT_EQ(inodeOf(), inodeOf("/proc/self/ns/net"));
-  }).join();
+  std::thread([&] {  // away and back by name
+    EXPECT_EQ(errorOf([&] { Tamlo::setnsByName(name_), Tamlo::setnsByName(Tamlo::DEFAULT_NS); }),
+              "(none)");
+    EXPECT_EQ(inodeOf(), home);
+  })
+      .join();
 }
 
 }  // namespace

@@ -1,7 +1,4 @@
-// Helpers for the tests of the system utilities: a scratch directory,
-// descriptor counting, errors caught as text, and forked children (the tests
-// run as root, who passes every permission check, so a child can drop to
-// the user nobody).
+// For the system utility tests (run as root: a child may drop to nobody).
 #pragma once
 
 #include <fcntl.h>
@@ -20,35 +17,24 @@
 namespace Tamlo::Test {
 
 inline int openDescriptorCount() {
-  auto const fds = std::filesystem::directory_iterator("/proc/self/fd");
-  return static_cast<int>(std::distance(begin(fds), end(fds)));
+  return int(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 // A directory under /tmp that everybody may enter, removed with its contents.
-class ScratchDirectory {
- public:
+struct ScratchDirectory {
   ScratchDirectory() : path_(::mkdtemp(std::string("/tmp/tamlo-test-XXXXXX").data())) {
     std::filesystem::permissions(path_, std::filesystem::perms::all);
   }
   ~ScratchDirectory() { std::filesystem::remove_all(path_); }
   std::string const& path() const { return path_; }
   std::string operator/(std::string const& name) const { return path_ + "/" + name; }
-
- private:
   std::string path_;
 };
 
-// "Class: message" of the Tamlo exception `body` throws, or "(none)"; fails
-// the test if `body` leaves a descriptor more or less open.
+// "Class: message" of what `body` throws, or "(none)"; fails on a descriptor leak.
 inline std::string errorOf(std::function<void()> const& body) {
   // The first backtrace makes libunwind open a pipe that it keeps.
-  [[maybe_unused]] static bool const warmedUp = [] {
-    try {
-      RuntimeException::throwException("warm-up");
-    } catch (Exception const&) {
-    }
-    return true;
-  }();
+  [[maybe_unused]] static bool const warmedUp = (RuntimeException("warm-up"), true);
   int const before = openDescriptorCount();
   std::string error = "(none)";
   try {
@@ -60,11 +46,8 @@ inline std::string errorOf(std::function<void()> const& body) {
   return error;
 }
 
-// A forked child that runs `body` (as the user nobody when `asNobody`) with
-// its standard error on a pipe, then closes that to tell it is done and lives
-// on until wait() or the end of this object.
-class LiveChild {
- public:
+// A forked child running `body`, its stderr captured, alive until wait() or destruction.
+struct LiveChild {
   explicit LiveChild(std::function<void()> const& setUp)
       : LiveChild([&] { return setUp(), 0; }, false) {}
   LiveChild(std::function<int()> const& body, bool asNobody) {
@@ -76,13 +59,12 @@ class LiveChild {
       if (asNobody && (::setgroups(0, nullptr) != 0 || ::setgid(65534) || ::setuid(65534)))
         ::_exit(126);
       int const code = body();
-      for (int fd : {2, errors[1], done[1]})
-        ::close(fd);
       char byte;
+      for (int fd : {2, errors[1], done[1]})  // the parent reads stderr up to here
+        ::close(fd);
       ::_exit(::read(done[0], &byte, 1) == 0 ? code : 125);
     }
-    for (int fd : {errors[1], done[0]})
-      ::close(fd);
+    ::close(errors[1]), ::close(done[0]);
     char buffer[4096];
     for (ssize_t n; (n = ::read(errors[0], buffer, sizeof buffer)) > 0;)
       result_.err.append(buffer, static_cast<size_t>(n));
@@ -91,7 +73,6 @@ class LiveChild {
   }
   ~LiveChild() { wait(); }
   pid_t pid() const { return pid_; }
-  // Lets the child exit: its exit code or signal and its standard error.
   ChildResult const& wait() {
     if (done_ >= 0) {
       ::close(std::exchange(done_, -1));
@@ -102,8 +83,6 @@ class LiveChild {
     }
     return result_;
   }
-
- private:
   pid_t pid_;
   int done_;
   ChildResult result_;

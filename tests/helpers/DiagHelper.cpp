@@ -1,9 +1,6 @@
-// Child processes for the tests of the system utilities and diagnostics:
-//   DiagHelper leak       uses the library's process-lifetime objects and
-//                         leaks 4242 bytes
-//   DiagHelper counters   uses Tamlo::Counters; run without the counters
-//                         plugin on the library path
-#include <cstdint>
+// Child processes for the diagnostics tests:
+//   DiagHelper leak      uses the library's process-lifetime objects, leaks 4242 bytes
+//   DiagHelper counters  uses Tamlo::Counters (run without the counters plugin)
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -17,7 +14,7 @@
 
 void* volatile leaked = nullptr;
 
-[[gnu::noinline]] void leakOnPurpose() {
+[[gnu::noinline]] void leakOnPurpose() {  // out of line: no register of main keeps the block
   leaked = std::malloc(4242);
   leaked = nullptr;
 }
