@@ -2,6 +2,7 @@
 #include <Tamlo/Assert.h>
 #include <Tamlo/Backtrace.h>
 #include <Tamlo/TypeName.h>
+#include <algorithm>
 
 #include "TestSupport.h"
 
@@ -70,10 +71,15 @@ TEST(BacktraceTest, ExceptionBacktraceStartsWhereItWasMade) {
     ASSERT_EQ(lines.size(), e.backtrace().frameCount());
     EXPECT_NE(text.back(), '\n');
     EXPECT_THAT(text, Not(HasSubstr("Tamlo::Exception::Exception")));
-    EXPECT_THAT(lines[0], HasSubstr("Tamlo::OutOfRangeException::throwException("));
-    EXPECT_THAT(lines[0], EndsWith("libTamlo.so.0"));
-    EXPECT_THAT(lines[1], HasSubstr("throwFromNamedFunction()+0x"));
-    EXPECT_THAT(lines[1], EndsWith("ExceptionTest"));
+    // Unoptimised builds keep the derived class's constructor as a frame.
+    auto const thrower = std::find_if(lines.begin(), lines.end(), [](std::string const& line) {
+      return line.find("Tamlo::OutOfRangeException::throwException(") != std::string::npos;
+    });
+    ASSERT_LT(thrower - lines.begin(), 2) << text;
+    EXPECT_THAT(*thrower, EndsWith("libTamlo.so.0"));
+    ASSERT_NE(thrower + 1, lines.end());
+    EXPECT_THAT(thrower[1], HasSubstr("throwFromNamedFunction()+0x"));
+    EXPECT_THAT(thrower[1], EndsWith("ExceptionTest"));
     EXPECT_THAT(std::string(e.what()),
                 StartsWith("Tamlo::OutOfRangeException(\"index 12 beyond 10\")\n#0 0x"));
   }
