@@ -22,47 +22,34 @@ struct RecordingTimer : TimerTask {
   std::vector<double> runs;
 };
 
-using Step = std::function<void(TimerTask&)>;
-Step delay(double seconds) {
-  return [seconds](TimerTask& t) { t.scheduleTaskDelay(seconds); };
-}
-
-// `fires`: seconds from the start to the expiry; 0: runnable at once, no
-// timer; never: idle.
+// `fires`: seconds from the start to the expiry; 0: runnable at once, no timer; never: idle.
 TEST(TimerTaskTest, ScheduleFormsSetKeepOrStopTheExpiry) {
   auto const root = Tamlo::Test::virtualTimeRoot("timers");
-  struct Row {
-    char const* name;
-    Step first, second;
-    double fires;
-  } const rows[] = {
-      {"restart later", delay(3), [](TimerTask& t) { t.scheduleTaskDelay(10s); }, 10},
-      {"restart earlier", delay(10), delay(3), 3},
-      {"lowest keeps sooner", delay(3), [](TimerTask& t) { t.scheduleTaskLowestDelay(5.0); }, 3},
-      {"lowest moves sooner", delay(10), [](TimerTask& t) { t.scheduleTaskLowestDelay(5s); }, 5},
-      {"lowest leaves runnable", [](TimerTask& t) { t.scheduleTask(); },
-       [](TimerTask& t) { t.scheduleTaskLowestDelay(5.0); }, 0},
-      {"zero stops timer", delay(3), [](TimerTask& t) { t.scheduleTaskDelay(0ns); }, 0},
-      {"infinity stops", delay(3), delay(never), never},
-      {"max stops", delay(3), [](TimerTask& t) { t.scheduleTaskDelay(nanoseconds::max()); }, never},
-      {"jitter never stops runnable", [](TimerTask& t) { t.scheduleTask(); },
-       [](TimerTask& t) { t.scheduleTaskJitterDown(never, 10); }, never},
-      {"no jitter", delay(10), [](TimerTask& t) { t.scheduleTaskJitterUp(3s, 0); }, 3},
+  using Timer = TimerTask&;
+  std::pair<std::function<void(Timer)>, double> const rows[] = {
+      {[](Timer t) { t.scheduleTaskDelay(3.0), t.scheduleTaskDelay(10s); }, 10},
+      {[](Timer t) { t.scheduleTaskDelay(3.0), t.scheduleTaskLowestDelay(5.0); }, 3},
+      {[](Timer t) { t.scheduleTaskDelay(10.0), t.scheduleTaskLowestDelay(5s); }, 5},
+      {[](Timer t) { t.scheduleTask(), t.scheduleTaskLowestDelay(5.0); }, 0},
+      {[](Timer t) { t.scheduleTaskDelay(3.0), t.scheduleTaskDelay(0ns); }, 0},
+      {[](Timer t) { t.scheduleTaskDelay(3.0), t.scheduleTaskDelay(never); }, never},
+      {[](Timer t) { t.scheduleTaskDelay(3.0), t.scheduleTaskDelay(nanoseconds::max()); }, never},
+      {[](Timer t) { t.scheduleTask(), t.scheduleTaskJitterDown(never, 10); }, never},
+      {[](Timer t) { t.scheduleTaskDelay(10.0), t.scheduleTaskJitterUp(3s, 0); }, 3},
   };
-  for (Row const& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (auto const& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    auto const& [schedule, fires] = row;
     auto const timer = Tamlo::makeShared<RecordingTimer>(root, Tamlo::TaskPriority::normal, "tick");
     double const before = Tamlo::time();
-    row.first(*timer);
-    row.second(*timer);
+    schedule(*timer);
     double const due = timer->currentExpirationTime(), after = Tamlo::time();
-    bool const timed = row.fires != 0 && row.fires != never;
+    bool const timed = fires != 0 && fires != never;
     EXPECT_EQ(timer->taskStatus().taskTimerRunning(), timed);
-    EXPECT_TRUE(row.fires == never ? due == never
-                                   : due >= before + row.fires && due <= after + row.fires)
+    EXPECT_TRUE(fires == never ? due == never : due >= before + fires && due <= after + fires)
         << due - after;
     Tamlo::Platform::doEventLoop(20.0);
-    EXPECT_EQ(timer->runs.size(), row.fires == never ? 0u : 1u);
+    EXPECT_EQ(timer->runs.size(), fires == never ? 0u : 1u);
     for (double const at : timer->runs)  // never early; late by the real time a pass takes
       EXPECT_TRUE(!timed || (at >= due && at < due + 0.5));
   }
@@ -76,10 +63,10 @@ TEST(TimerTaskTraceTest, TraceLinesAndJitterRepeatInAFreshProcess) {
   nanoseconds const delay = 1s + 4321ns;  // whole 10000 ns would hide a lost remainder
   for (int i = 0; i < 4; ++i) {
     nanoseconds const offset{twin->randomPercent() * (50 * delay.count()) / 10000};
-    expected.push_back(
-        fmt::format("Timer jitterUp N tick delay {} + {} = {}", delay, offset, delay + offset));
-    expected.push_back(
-        fmt::format("Timer started N tick delay {}", (delay + offset).count() / 1e9));
+    expected.insert(
+        expected.end(),
+        {fmt::format("Timer jitterUp N tick delay {} + {} = {}", delay, offset, delay + offset),
+         fmt::format("Timer started N tick delay {}", (delay + offset).count() / 1e9)});
   }
   double const down = twin->randomPercent() * (30 * 2.5) / 10000.0;
   expected.insert(expected.end(),
