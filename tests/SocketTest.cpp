@@ -27,8 +27,6 @@ TEST(SocketTest, AbstractSocketsConnectAndFailuresNameTheSocketOrNamespace) {
   std::string const name = prefix + "-svc";
   Tamlo::Impl::UniqueFd const server(Tamlo::listenAbstract(name));
   Tamlo::Impl::UniqueFd const client(Tamlo::connectAbstract(name));
-  Tamlo::Impl::UniqueFd const accepted(::accept4(server.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  ASSERT_TRUE(accepted.valid());
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(Tamlo::ProcInfo::socketInode(client.get())), ::getpid());
   EXPECT_EQ(Tamlo::ProcInfo::socketOwner(0), -1);
 
@@ -82,8 +80,8 @@ TEST_F(NetNsTest, SocketsMadeInsideStayThereAndTheThreadAlwaysReturns) {
   EXPECT_THAT(errorOf([&] { Tamlo::connectAbstract(name_); }), testing::EndsWith("refused"));
   Tamlo::Impl::UniqueFd const client(
       Tamlo::inNetNs(name_, [&] { return Tamlo::connectAbstract(name_); }));
-  EXPECT_EQ(errorOf([&] { Tamlo::inNetNs(name_, [] { return Tamlo::connectAbstract("x"); }); }),
-            "Tamlo::RuntimeException: connect @x: Connection refused");
+  EXPECT_THAT(errorOf([&] { Tamlo::inNetNs(name_, [] { return Tamlo::connectAbstract("x"); }); }),
+              testing::EndsWith("@x: Connection refused"));
   EXPECT_EQ(inodeOf(), home);
 
   Tamlo::Impl::UniqueFd const inet(Tamlo::socketInNetNs(name_, AF_INET, SOCK_DGRAM));
