@@ -1,8 +1,33 @@
 #include "Tamlo/TaskSchedulerHistory.h"
 
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <new>
 #include <stdexcept>
 
 #include "SchedulerTestSupport.h"
+
+// Counts every allocation of this program.
+namespace {
+std::atomic<size_t> allocationCount{0};
+void* countedAllocation(std::size_t size) {
+  allocationCount.fetch_add(1, std::memory_order_relaxed);
+  if (void* memory = std::malloc(size == 0 ? 1 : size))
+    return memory;
+  throw std::bad_alloc();
+}
+}  // namespace
+
+void* operator new(std::size_t size) {
+  return countedAllocation(size);
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
 
 namespace Tamlo {
 namespace {
@@ -103,6 +128,18 @@ TEST_F(TaskSchedulerHistoryTest, ResizingKeepsTheNewestThatFit) {
     EXPECT_EQ(names, kept);
     EXPECT_EQ(history_.stringCache().size(), 2 + distinct);
   }
+}
+
+TEST_F(TaskSchedulerHistoryTest, RecordingAllocatesNothing) {
+  TaskSchedulerHistory history(64);
+  ConstStringRef const task = history.stringCache().intern("H a task with a long name, not SSO");
+  ConstStringRef const scheduler = history.stringCache().intern("a scheduler with a long name");
+  size_t const before = allocationCount.load();
+  for (int i = 0; i < 64 * 5; ++i) {  // filling the ring, then wrapping around it
+    history.insertTaskEvent(at(i), EventType::runStart, task);
+    history.insertSchedulerEvent(at(i), EventType::schedulerIdle, scheduler);
+  }
+  EXPECT_EQ(allocationCount.load(), before);
 }
 
 }  // namespace
