@@ -45,9 +45,6 @@ TEST(Timeouts, OpenRejectsZeroHz) {
   int error = 0;
   EXPECT_EQ(timeouts_open(0, &error), nullptr);
   EXPECT_EQ(error, EINVAL);
-  Wheel T(timeouts_open(kHz, &error));
-  EXPECT_EQ(error, 0);
-  EXPECT_EQ(timeouts_timeout(T.get()), kNever);
 }
 
 // Within one update, records come out by expiry, equal expiries in the order
@@ -66,16 +63,13 @@ TEST(Timeouts, ExpiredRecordsComeOutInOrderOfExpiring) {
   EXPECT_EQ(drain(T.get()), (Records{&b, &a, &d, &c, &e}));
 }
 
-TEST(Timeouts, RelativeExpiryCountsFromNowAndSaturatesAndTimeNeverGoesBack) {
+TEST(Timeouts, RelativeExpiryCountsFromNowAndSaturates) {
   Wheel T = openWheel(kStart);
-  timeouts_update(T.get(), kStart - 50);
-  EXPECT_EQ(timeouts_now(T.get()), kStart);
   timeout relative = makeRecord(0), forever = makeRecord(0);
   // Due now: expired at once. (On a wheel it would never come out.)
   timeouts_add(T.get(), &relative, 0);
   ASSERT_EQ(drain(T.get()), (Records{&relative}));
   timeouts_add(T.get(), &relative, 10);
-  EXPECT_EQ(relative.expires, kStart + 10);
   timeouts_add(T.get(), &forever, kNever - 5);
   EXPECT_EQ(forever.expires, kNever);
   timeouts_update(T.get(), kStart + 9);
