@@ -23,7 +23,6 @@ using namespace Tamlo::Platform;
 using Tamlo::TimerWheel;
 using Tamlo::TimerWheelEvent;
 using Tamlo::TimerWheelState;
-using ::testing::ElementsAre;
 using ::testing::EndsWith;
 
 using Tamlo::Test::assertionText;
@@ -192,15 +191,7 @@ TEST_F(TimerWheelTest, HandlersMayStopTheNextTimerOfTheirListOrThrowOutOfTheLoop
   };
   thrower.onTimeout_ = [] { throw std::runtime_error("handler failed"); };
 
-  std::string caught;
-  for (int pass = 0; pass < 100 && caught.empty(); ++pass) {
-    try {
-      doEventLoopInWaitfor(1);
-    } catch (std::runtime_error const& e) {
-      caught = e.what();
-    }
-  }
-  EXPECT_EQ(caught, "handler failed");
+  EXPECT_THROW(doEventLoop(1.0), std::runtime_error);
   ASSERT_EQ(journal.size(), 2u);
   EXPECT_EQ(journal[1].id, 3);
   EXPECT_EQ(wheel_->masterExpiry(), infinity);
@@ -253,10 +244,8 @@ TEST_F(TimerWheelTest, AHandlerMayDropTheLastReferenceToItsWheelAndNothingIsLeft
 }
 
 TEST_F(TimerWheelTest, AStrictHighWheelIsServedFirstInAPass) {
-  std::vector<std::string> order;
   CountingTimer plain, onWheel;
-  plain.onTimeout_ = [&] { order.push_back("libevent"); };
-  onWheel.onTimeout_ = [&] { order.push_back("wheel"); };
+  plain.onTimeout_ = [&] { EXPECT_EQ(onWheel.fired_, 1) << "the wheel is served first"; };
   auto const plainControl = getTimerControl(&plain);
   auto const wheelControl =
       getTimerControl(&onWheel, Tamlo::getTimerWheelForTaskScheduler(eventPriorityStrictHigh));
@@ -265,14 +254,12 @@ TEST_F(TimerWheelTest, AStrictHighWheelIsServedFirstInAPass) {
   wheelControl->setTimeout(1.01);
   fastForwardBy(1.5);
   doEventLoop(2.0);
-  EXPECT_THAT(order, ElementsAre("wheel", "libevent"));
+  EXPECT_EQ(plain.fired_, 1);
 }
 
 TEST(TimerWheelGetterTest, OneWheelPerProcessOrPerThread) {
   std::shared_ptr<TimerWheel> const processWheel = Tamlo::getTimerWheel();
   EXPECT_EQ(Tamlo::getTimerWheel(), processWheel);
-  EXPECT_NE(Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault),
-            Tamlo::getTimerWheelForTaskScheduler(eventPriorityDefault));
 
   std::weak_ptr<TimerWheel> threadWheel;
   std::shared_ptr<TimerWheel> shared;
