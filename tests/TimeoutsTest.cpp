@@ -13,13 +13,10 @@ constexpr timeout_t kNever = ~timeout_t{0};
 // A realistic current tick: seconds since the epoch at 100 Hz, mid-wheel.
 constexpr abstime_t kStart = 1'700'000'000 * kHz + 12345;
 
-struct WheelCloser {
-  void operator()(timeouts* T) const { timeouts_close(T); }
-};
-using Wheel = std::unique_ptr<timeouts, WheelCloser>;
+using Wheel = std::unique_ptr<timeouts, decltype(&timeouts_close)>;
 
 Wheel openWheel(abstime_t now) {
-  Wheel T(timeouts_open(kHz, nullptr));
+  Wheel T(timeouts_open(kHz, nullptr), timeouts_close);
   timeouts_update(T.get(), now);
   return T;
 }

@@ -82,12 +82,10 @@ TEST_F(VirtualTimeTest, WaitforJumpsToTheFirstTimerButNotBeyondItsBound) {
   EXPECT_GE(jumped + realElapsed.count(), 10.0001 - microsecond);
 }
 
-// (Firing at their virtual times: WaitforJumpsToTheFirstTimerButNotBeyondItsBound.)
 TEST_F(VirtualTimeTest, ManyTimersDueTogetherKeepTheirOrder) {
   std::vector<int> journal;
   std::vector<std::unique_ptr<JournalTimer>> timers;
-  // Deadlines 0.1 s apart from one start: arming 40 timers can take longer
-  // than a small gap on a loaded machine (or under ThreadSanitizer).
+  // Deadlines 0.1 s apart from one start: arming may take longer than a small gap under load.
   double const start = Tamlo::time();
   for (int i = 0; i < 40; ++i) {
     int const slot = (i * 17) % 40;  // armed out of order
@@ -143,24 +141,16 @@ TEST_F(VirtualTimeTest, TheSwitchIsMainThreadOnlyOffsetsPerThreadMisuseAsserts) 
               HasSubstr("Tamlo::Platform::fastForwardBy() fast-forwarding disabled"));
 }
 
-int notified = 0;
-bool seenOn = false;
-void countNotification() {
-  ++notified;
-  seenOn = fastForward();
-}
-
-TEST_F(VirtualTimeTest, ChangeNotifiersRunOncePerChange) {
-  notified = 0;  // notifiers stay registered for the process's life
-  registerFastForwardChangeNotifier(countNotification);
-  registerFastForwardChangeNotifier(countNotification);  // no duplicate
-  EXPECT_EQ(notified, 0);                                // not called at registration
-  using Step = std::pair<bool, int>;
-  for (auto [on, count] : {Step{true, 0}, Step{false, 1}, Step{false, 1}, Step{true, 2}}) {
+TEST_F(VirtualTimeTest, ChangeNotifiersRunOncePerChangeAfterIt) {
+  static std::vector<bool> seen;  // the switch as each call saw it
+  seen.clear();                   // notifiers stay registered for the process's life
+  void (*const notifier)() = [] { seen.push_back(fastForward()); };
+  registerFastForwardChangeNotifier(notifier);
+  registerFastForwardChangeNotifier(notifier);  // no duplicate
+  EXPECT_TRUE(seen.empty());                    // not called at registration
+  for (bool on : {true, false, false, true})
     setFastForward(on);
-    EXPECT_EQ(notified, count) << on;
-    EXPECT_TRUE(count == 0 || seenOn == on);  // called after the switch
-  }
+  EXPECT_EQ(seen, (std::vector<bool>{false, true}));
 }
 
 TEST(WaitForDefaultTest, ReadOnceFromTheEnvironment) {
@@ -176,7 +166,6 @@ TEST(WaitForDefaultTest, ReadOnceFromTheEnvironment) {
       env.push_back("WAITFOR_DEFAULT=" + value);
     auto const run =
         Tamlo::Test::runHelper("LibeventHelper", {"waitfor"}, env, {"WAITFOR_DEFAULT"});
-    EXPECT_EQ(run.exitCode, 0) << value;
     EXPECT_EQ(run.out, "first " + out + " second " + out + "\n") << value;
     EXPECT_EQ(run.err, err) << value;
   }
