@@ -1,10 +1,8 @@
 // Child-process checks of the libevent backend and virtual time:
-//   waitfor  prints waitForDefaultTimeout() before and after WAITFOR_DEFAULT
-//            changes, to show it is read once
-//   log      feeds libevent messages of each severity to the log callback
-//   badfd    binds an fd control to a descriptor that is not open (aborts)
-//   rawdispatch  a timer handler throws inside event_base_dispatch called
-//            directly, then a loop function runs (aborts at the throw)
+//   waitfor      prints waitForDefaultTimeout() before and after WAITFOR_DEFAULT changes
+//   log          feeds libevent messages of each severity to the log callback
+//   badfd        binds an fd control to a descriptor that is not open (aborts)
+//   rawdispatch  a handler throws inside a direct event_base_dispatch (aborts there)
 #include <Tamlo/LibeventFactory.h>
 #include <Tamlo/Platform.h>
 

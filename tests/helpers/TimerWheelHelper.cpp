@@ -1,7 +1,6 @@
-// Timer wheel cases that need a process of their own. Usage:
-//   TimerWheelHelper armed   destroys a wheel timer control still armed (aborts)
-//   TimerWheelHelper dueNow  arms a timer for exactly now on a clock that stands
-//                            still, runs one pass, says whether it was delivered
+// Timer wheel cases that need a process of their own:
+//   armed   destroys a wheel timer control still armed (aborts)
+//   dueNow  arms a timer for exactly now on a clock that stands still, runs one pass
 #include <cstdio>
 #include <cstring>
 
