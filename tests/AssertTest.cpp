@@ -82,7 +82,6 @@ TEST(AssertTextTest, StreamAssertionPrefixesFileFunctionAndLine) {
 
 TEST(StrerrorTest, SystemTextErrnoUntouchedAndABufferPerThread) {
   errno = ENOSPC;
-  EXPECT_STREQ(Tamlo::strerror(EINVAL), "Invalid argument");
   char const* const mine = Tamlo::strerror(98765);
   EXPECT_EQ(errno, ENOSPC);
   std::thread([] { EXPECT_STREQ(Tamlo::strerror(-4321), "Unknown error -4321"); }).join();

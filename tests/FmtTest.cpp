@@ -1,5 +1,4 @@
-// Message building: the plain and detailed builders, and the class and
-// function names a call site is attributed to.
+// Message builders, and the names a call site is attributed to.
 #include <Tamlo/Assert.h>
 #include <Tamlo/Fmt.h>
 
@@ -33,10 +32,7 @@ struct Widget {
   std::string operator<(int) const {
     return WHERE() + " " + [] { return WHERE(); }();
   }
-  explicit operator int() {
-    seen = WHERE();
-    return 0;
-  }
+  explicit operator int() { return (seen = WHERE()).size(); }
 };
 
 template <typename T>

@@ -24,12 +24,14 @@ std::string notHeld(std::string lock, std::string owner, std::string me, char co
          " me:" + me + depth;
 }
 
-// Another thread can neither take nor release a held lock; its failed unlock
-// names both threads and changes nothing.
-TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
-  Tamlo::Locking::Lock lock;
-  ASSERT_TRUE(lock.try_lock());
-  EXPECT_TRUE(lock.owns_lock());
+// Another thread can neither take nor release a held lock (its failed unlock
+// names both threads and changes nothing) and takes it once it is free;
+// releasing a free lock names no owner.
+template <typename LockType>
+void excludesOtherThreads(char const* name, int depth, char const* held, char const* free) {
+  LockType lock;
+  for (int i = 0; i < depth; ++i)
+    ASSERT_TRUE(lock.try_lock());
   bool ownedElsewhere = true, acquiredElsewhere = true;
   std::string misuse, other;
   std::thread([&] {
@@ -39,38 +41,22 @@ TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
     other = self();
   }).join();
   EXPECT_FALSE(ownedElsewhere || acquiredElsewhere);
-  EXPECT_THAT(misuse, EndsWith(notHeld("Lock", self(), other)));
-  lock.unlock();  // asserts if the failed unlock changed the owner
+  EXPECT_THAT(misuse, EndsWith(notHeld(name, self(), other, held)));
+  for (int i = 0; i < depth; ++i)
+    lock.unlock();  // asserts if the failed unlock changed the owner or the depth
   std::thread([&] {
     acquiredElsewhere = lock.try_lock();
     lock.unlock();
   }).join();
   EXPECT_TRUE(acquiredElsewhere);
-  // Unlocking a free lock (a double unlock, say) names no owner.
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", noThread, self())));
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
+              EndsWith(notHeld(name, noThread, self(), free)));
 }
 
-TEST(RecursiveLockTest, DepthAndOwnerFollowNestingAndMisuseAsserts) {
-  Tamlo::Locking::RecursiveLock lock;
-  lock.lock();
-  ASSERT_TRUE(lock.try_lock());
-  lock.lock();
-  EXPECT_EQ(lock.lockCount(), 3);
-  bool acquiredElsewhere = true;
-  std::string misuse, other;
-  std::thread([&] {
-    acquiredElsewhere = lock.try_lock();
-    misuse = assertionText([&] { lock.unlock(); });
-    other = self();
-  }).join();
-  EXPECT_FALSE(acquiredElsewhere);
-  EXPECT_THAT(misuse, EndsWith(notHeld("RecursiveLock", self(), other, " lockCount:3")));
-  lock.unlock();
-  lock.unlock();
-  EXPECT_EQ(lock.lockCount(), 1);
-  lock.unlock();
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
-              EndsWith(notHeld("RecursiveLock", noThread, self(), " lockCount:0")));
+TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
+  excludesOtherThreads<Tamlo::Locking::Lock>("Lock", 1, "", "");
+  excludesOtherThreads<Tamlo::Locking::RecursiveLock>("RecursiveLock", 3, " lockCount:3",
+                                                      " lockCount:0");
 }
 
 TEST(LocoTest, OneLockForTheProcessAndGuardsNest) {
