@@ -35,10 +35,6 @@ namespace {
 
 using Tamlo::Test::assertionText;
 
-std::string at(int line) {
-  return std::string(__FILE__) + ":" + std::to_string(line) + ": ";
-}
-
 // The text `fail` asserts with, and the lines it traced as "<handle> <level> <text>".
 std::pair<std::string, std::string> failAndTrace(std::function<void()> const& fail) {
   Tamlo::Platform::setTraceFormat("handle,level");
@@ -63,7 +59,7 @@ TEST(AssertTextTest, TextIsFileLineScopeAndMessageAndIsTraced) {
   TAMLO_DEFAULT_HANDLE->enabledIs(0, false);
   for (Row const& row : rows) {
     auto const [text, traced] = failAndTrace(row.fail);  // sets failLine
-    EXPECT_EQ(text, at(failLine) + row.text);
+    EXPECT_EQ(text, __FILE__ ":" + std::to_string(failLine) + ": " + row.text);
     EXPECT_EQ(traced, "Tamlo 0 " + text + "\n");
   }
   TAMLO_DEFAULT_HANDLE->enabledIs(0, level0);

@@ -67,21 +67,18 @@ TEST_F(TrackerTest, RendersTheNewestEntriesOldestFirstWithTheirFramesIndented) {
 }
 
 TEST_F(TrackerTest, ConcurrentExceptionsAndResizes) {
-  std::atomic<bool> stop{false};
-  std::thread resizer([&] {
-    for (size_t capacity = 1; !stop.load(); capacity = capacity % 8 + 1)
-      BacktraceTracker::capacityIs(capacity);
-  });
+  std::atomic<int> running{4};
   std::vector<std::thread> throwers;
   for (int t = 0; t < 4; ++t)
-    throwers.emplace_back([] {
+    throwers.emplace_back([&] {
       for (int i = 0; i < 200; ++i)
         Tamlo::RuntimeException const e("during");
+      --running;
     });
+  for (size_t capacity = 1; running > 0; capacity = capacity % 8 + 1)
+    BacktraceTracker::capacityIs(capacity);  // all the while they throw
   for (auto& thrower : throwers)
     thrower.join();
-  stop = true;
-  resizer.join();
   BacktraceTracker::capacityIs(5);  // what remains is whole and usable
   for (int i = 0; i < 5; ++i)
     Tamlo::RuntimeException const e("last");

@@ -1,7 +1,5 @@
 // Trace settings, handles and the settings listing in one process. Settings
 // are process-wide, so every test uses names of its own.
-#include <algorithm>
-
 #include <Tamlo/Debug.h>
 #include <Tamlo/Loco.h>
 
@@ -75,9 +73,8 @@ TEST(DebugTest, SetAndClearReachSettingsAndHandles) {
       // Nested wildcards inherit; new handles take the shortest prefix's, settings theirs.
       {"Nw*/1,NwAB*/2", nullptr, "Nw", "W:Nw*/1 W:NwAB*/12 H:NwABC/12", "NwABC", "1"},
       {"NwABD/3", nullptr, "NwABD", "S:NwABD/13", "NwABD", "13"},
-      // A wildcard reaches the narrower settings below it.
+      // A wildcard set or cleared reaches the narrower settings below it.
       {"WrX/4,WrXY*/5,Wr*/1", nullptr, "W", "S:WrX/14 W:Wr*/1 W:WrXY*/15 H:Wq/ H:WrXZ/1", "Wq", ""},
-      // Clearing a wildcard clears below it and drops what it empties.
       {"Cw*/12,CwX*/3,CwY/4", nullptr, "Cw",
        "S:CwY/124 W:Cw*/12 W:CwX*/123 H:CwF+/4 H:CwY/124 H:CwZ/12", "CwZ", "12"},
       {nullptr, "Cw*/*", "Cw", "H:CwF+/4 H:CwY/ H:CwZ/", "CwZ", ""},
@@ -146,8 +143,7 @@ TEST(DebugTest, ConcurrentSettingsAndHandlesStayConsistent) {
     thread.join();
   // Every handle was released; every setting kept what was not cleared.
   EXPECT_EQ(listed("CcApp"),
-            "S:CcApp0/012345678 S:CcApp1/012345678 S:CcApp2/012345678 "
-            "S:CcApp3/012345678");
+            "S:CcApp0/012345678 S:CcApp1/012345678 S:CcApp2/012345678 S:CcApp3/012345678");
 }
 
 }  // namespace

@@ -15,8 +15,7 @@ using namespace ::testing;
 }
 
 TEST(ExceptionTest, EveryClassHasItsNameAndIsCaughtAsException) {
-  // Without it AssertException::throwException() ends the process.
-  Tamlo::Test::ThrowOnAssert const throwOnAssert;
+  Tamlo::Test::ThrowOnAssert const throwOnAssert;  // else AssertException ends the process
 #define TAMLO_ROW(Class) {"Tamlo::" #Class, Tamlo::Class::throwException}
   // clang-format off
   std::pair<char const*, void (*)(std::string const&)> const throwers[] = {
@@ -50,7 +49,6 @@ TEST(ExceptionTest, WhatIsMsgThenTheBacktraceBuiltOnce) {
   EXPECT_EQ(e.what(), first);  // the cached text itself, not a rebuilt copy
   EXPECT_STREQ(Tamlo::RuntimeException(e).what(), first);
   Tamlo::Exception const bare("{} \"x\" %s\n", false);
-  EXPECT_EQ(bare.backtrace().frameCount(), 0u);
   EXPECT_EQ(std::string(bare.what()), "Tamlo::Exception(\"{} \"x\" %s\n\")\n");
 }
 

@@ -76,7 +76,6 @@ TEST(FmtTest, CallSitesAreNamedByClassOrNamespaceAndFunction) {
       {Probe::freeTemplate(3), "Probe::freeTemplate"},
       {Probe::hidden(), "Probe::hidden"},
       {anonymousOnly(), "anonymousOnly"},
-      {where(SourceScope("Platform", "loco", nullptr)), "Platform::loco"},
       {where(SourceScope("", "loco", nullptr)), "loco"},
       {where(SourceScope("Box<int>", "get", nullptr)), "Box::get"},
       {SourceScope(std::string(300, 'n').c_str(), "f", nullptr).className(), std::string(127, 'n')},

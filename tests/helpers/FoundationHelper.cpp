@@ -55,21 +55,6 @@ void printDraws() {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-// Thread and sequence number around a long filler: a torn line cannot pass for whole.
-void traceFromThreads(int threadCount, int lineCount) {
-  auto const handle = getDebugHandler("TamloThreads");
-  handle->enabledIs(1, true);
-  std::string const filler(400, 'x');
-  std::vector<std::thread> threads;
-  for (int t = 0; t < threadCount; ++t)
-    threads.emplace_back([&, t] {
-      for (int n = 0; n < lineCount; ++n)
-        TAMLO_TRACE(handle, 1, "<t{} n{} {} t{} n{}>", t, n, filler, t, n);
-    });
-  for (auto& thread : threads)
-    thread.join();
-}
-
 std::pair<char const*, void (*)(Args const&)> const commands[] = {
     // "NAME/levels" of a new handle for each NAME.
     {"levels",
@@ -102,8 +87,20 @@ std::pair<char const*, void (*)(Args const&)> const commands[] = {
          Tamlo::Platform::setupTamloDebug("");
        TAMLO_TRACE(handle, 0, "after");
      }},
-    // N threads each trace LINES lines.
-    {"threads", [](Args const& a) { traceFromThreads(std::stoi(a.at(0)), std::stoi(a.at(1))); }},
+    // THREADS threads of LINES lines, numbers around a filler: torn lines show.
+    {"threads",
+     [](Args const& a) {
+       auto const handle = getDebugHandler("TamloThreads");
+       handle->enabledIs(1, true);
+       std::vector<std::thread> threads;
+       for (int t = 0; t < std::stoi(a.at(0)); ++t)
+         threads.emplace_back([&, t] {
+           for (int n = 0; n < std::stoi(a.at(1)); ++n)
+             TAMLO_TRACE(handle, 1, "<t{} n{} {} t{} n{}>", t, n, std::string(400, 'x'), t, n);
+         });
+       for (auto& thread : threads)
+         thread.join();
+     }},
     {"sequence",
      [](Args const&) {
        Tamlo::Random::setSeed();
