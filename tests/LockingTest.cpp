@@ -8,6 +8,7 @@
 
 namespace {
 
+using Tamlo::Platform::loco;
 using Tamlo::Test::assertionText;
 using ::testing::EndsWith;
 
@@ -17,21 +18,21 @@ std::string self() {
   return std::to_string(static_cast<unsigned long>(pthread_self()));
 }
 
-// The end of the assertion for releasing a lock that `owner` holds, or nobody
-// (`noThread`), from thread `me`; recursive locks add their depth.
-std::string notHeld(char const* lock, std::string const& owner, std::string const& me,
-                    char const* depth = "") {
-  return std::string(lock) +
-         "::unlock() attempting to release a lock that is not currently held, " + "owner:" + owner +
+// The assertion for `me` releasing a lock `owner` holds; recursive locks add their depth.
+std::string notHeld(std::string lock, std::string owner, std::string me, char const* depth = "") {
+  return lock +
+         "::unlock() attempting to release a lock that is not currently held, owner:" + owner +
          " me:" + me + depth;
 }
 
-// Another thread can neither take nor release a held lock; its failed unlock
-// names both threads and changes nothing.
-TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
-  Tamlo::Locking::Lock lock;
-  ASSERT_TRUE(lock.try_lock());
-  EXPECT_TRUE(lock.owns_lock());
+// Another thread can neither take nor release a held lock (its failed unlock
+// names both threads and changes nothing) and takes it once it is free;
+// releasing a free lock names no owner.
+template <typename LockType>
+void excludesOtherThreads(char const* name, int depth, char const* held, char const* free) {
+  LockType lock;
+  for (int i = 0; i < depth; ++i)
+    ASSERT_TRUE(lock.try_lock());
   bool ownedElsewhere = true, acquiredElsewhere = true;
   std::string misuse, other;
   std::thread([&] {
@@ -40,59 +41,36 @@ TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
     misuse = assertionText([&] { lock.unlock(); });
     other = self();
   }).join();
-  EXPECT_FALSE(ownedElsewhere);
-  EXPECT_FALSE(acquiredElsewhere);
-  EXPECT_THAT(misuse, EndsWith(notHeld("Lock", self(), other)));
-  EXPECT_TRUE(lock.owns_lock());
-  lock.unlock();
-  EXPECT_FALSE(lock.owns_lock());
+  EXPECT_FALSE(ownedElsewhere || acquiredElsewhere);
+  EXPECT_THAT(misuse, EndsWith(notHeld(name, self(), other, held)));
+  for (int i = 0; i < depth; ++i)
+    lock.unlock();  // asserts if the failed unlock changed the owner or the depth
   std::thread([&] {
     acquiredElsewhere = lock.try_lock();
     lock.unlock();
   }).join();
   EXPECT_TRUE(acquiredElsewhere);
-  // Unlocking a free lock (a double unlock, say) names no owner.
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }), EndsWith(notHeld("Lock", noThread, self())));
+  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
+              EndsWith(notHeld(name, noThread, self(), free)));
 }
 
-TEST(RecursiveLockTest, DepthAndOwnerFollowNestingAndMisuseAsserts) {
-  Tamlo::Locking::RecursiveLock lock;
-  lock.lock();
-  ASSERT_TRUE(lock.try_lock());
-  lock.lock();
-  EXPECT_EQ(lock.lockCount(), 3);
-  bool acquiredElsewhere = true;
-  std::string misuse, other;
-  std::thread([&] {
-    acquiredElsewhere = lock.try_lock();
-    misuse = assertionText([&] { lock.unlock(); });
-    other = self();
-  }).join();
-  EXPECT_FALSE(acquiredElsewhere);
-  EXPECT_THAT(misuse, EndsWith(notHeld("RecursiveLock", self(), other, " lockCount:3")));
-  lock.unlock();
-  lock.unlock();
-  EXPECT_TRUE(lock.owns_lock());  // still held at the last level
-  EXPECT_EQ(lock.lockCount(), 1);
-  lock.unlock();
-  EXPECT_FALSE(lock.owns_lock());
-  EXPECT_THAT(assertionText([&] { lock.unlock(); }),
-              EndsWith(notHeld("RecursiveLock", noThread, self(), " lockCount:0")));
+TEST(LockTest, ExcludesOtherThreadsAndTracksTheOwner) {
+  excludesOtherThreads<Tamlo::Locking::Lock>("Lock", 1, "", "");
+  excludesOtherThreads<Tamlo::Locking::RecursiveLock>("RecursiveLock", 3, " lockCount:3",
+                                                      " lockCount:0");
 }
 
 TEST(LocoTest, OneLockForTheProcessAndGuardsNest) {
-  Tamlo::Platform::Loco* fromThread = nullptr;
-  std::thread([&] { fromThread = &Tamlo::Platform::loco(); }).join();
-  EXPECT_EQ(fromThread, &Tamlo::Platform::loco());
   {
     Tamlo::Platform::LocoGuard const outer;
     { Tamlo::Platform::LocoGuard const inner; }
-    EXPECT_TRUE(Tamlo::Platform::loco().owns_lock());
+    EXPECT_TRUE(loco().owns_lock());
+    Tamlo::Platform::Loco* fromThread = nullptr;
     bool ownedElsewhere = true;
-    std::thread([&] { ownedElsewhere = Tamlo::Platform::loco().owns_lock(); }).join();
-    EXPECT_FALSE(ownedElsewhere);
+    std::thread([&] { ownedElsewhere = (fromThread = &loco())->owns_lock(); }).join();
+    EXPECT_TRUE(fromThread == &loco() && !ownedElsewhere);
   }
-  EXPECT_FALSE(Tamlo::Platform::loco().owns_lock());
+  EXPECT_FALSE(loco().owns_lock());
 }
 
 TEST(ConditionalGuardTest, EarlyUnlockIsNotRepeatedAndReleaseOffHandsTheLockOn) {
@@ -102,13 +80,11 @@ TEST(ConditionalGuardTest, EarlyUnlockIsNotRepeatedAndReleaseOffHandsTheLockOn) 
     Tamlo::Locking::ConditionalGuard const guard(lock);
     lock.unlock();
   }  // a second unlock would assert and throw here
-  EXPECT_FALSE(lock.owns_lock());
   {
     Tamlo::Locking::ConditionalGuard guard(lock);
     guard.releaseIs(false);
   }
-  EXPECT_TRUE(lock.owns_lock());
-  lock.unlock();
+  lock.unlock();  // asserts unless the guard left the lock held
 }
 
 // Without the threading runtime the mutex is left alone and the owner is the

@@ -1,7 +1,5 @@
-// Child process for what is fixed at load time or ends the process: tracing
-// set up from the environment by static initialisers, the random seed, fatal
-// assertions, uncaught exceptions and the incompatible-library check.
-// Usage: FoundationHelper COMMAND ARG..., the commands of the table below.
+// Child process for what is fixed at load time or ends the process: tracing from
+// the environment, the random seed, fatal failures. Usage: FoundationHelper COMMAND ARG...
 #include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,28 +55,7 @@ void printDraws() {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-// Each line carries its thread and sequence number around a long filler, so
-// that a torn or interleaved line cannot pass for a whole one.
-void traceFromThreads(int threadCount, int lineCount) {
-  auto const handle = getDebugHandler("TamloThreads");
-  handle->enabledIs(1, true);
-  std::string const filler(400, 'x');
-  std::vector<std::thread> threads;
-  for (int t = 0; t < threadCount; ++t)
-    threads.emplace_back([&, t] {
-      for (int n = 0; n < lineCount; ++n)
-        TAMLO_TRACE(handle, 1, "<t{} n{} {} t{} n{}>", t, n, filler, t, n);
-    });
-  for (auto& thread : threads)
-    thread.join();
-}
-
-struct Command {
-  char const* name;
-  void (*run)(Args const& args);
-};
-
-Command const commands[] = {
+std::pair<char const*, void (*)(Args const&)> const commands[] = {
     // "NAME/levels" of a new handle for each NAME.
     {"levels",
      [](Args const& names) {
@@ -106,12 +83,24 @@ Command const commands[] = {
        TAMLO_TRACE(handle, 0, "before");
        setenv("TRACEFILE", a.at(0).c_str(), 1);
        Tamlo::Platform::setupTamloDebug("");
-       if (a.size() > 1 && mkdir(a[1].c_str(), 0700) == 0)
+       if (mkdir(a.at(1).c_str(), 0700) == 0)
          Tamlo::Platform::setupTamloDebug("");
        TAMLO_TRACE(handle, 0, "after");
      }},
-    // N threads each trace LINES lines.
-    {"threads", [](Args const& a) { traceFromThreads(std::stoi(a.at(0)), std::stoi(a.at(1))); }},
+    // THREADS threads of LINES lines, numbers around a filler: torn lines show.
+    {"threads",
+     [](Args const& a) {
+       auto const handle = getDebugHandler("TamloThreads");
+       handle->enabledIs(1, true);
+       std::vector<std::thread> threads;
+       for (int t = 0; t < std::stoi(a.at(0)); ++t)
+         threads.emplace_back([&, t] {
+           for (int n = 0; n < std::stoi(a.at(1)); ++n)
+             TAMLO_TRACE(handle, 1, "<t{} n{} {} t{} n{}>", t, n, std::string(400, 'x'), t, n);
+         });
+       for (auto& thread : threads)
+         thread.join();
+     }},
     {"sequence",
      [](Args const&) {
        Tamlo::Random::setSeed();
@@ -131,14 +120,10 @@ Command const commands[] = {
     {"int", [](Args const&) { throw 42; }},
     {"terminate", [](Args const&) { std::terminate(); }},
     {"thread", [](Args const&) { std::thread(throwRuntime).join(); }},
-    // Where the flag that the dynamic linker hands out comes from, and its
-    // value, before the check.
+    // The value of the flag the dynamic linker hands out, before the check.
     {"checkIncompat",
      [](Args const&) {
-       void* const flag = dlsym(RTLD_DEFAULT, "platformLibPresenceFlag");
-       Dl_info info{};
-       if (flag && dladdr(flag, &info) != 0 && info.dli_fname)
-         std::printf("flag %d from %s\n", *static_cast<int*>(flag), basename(info.dli_fname));
+       std::printf("flag %d\n", *static_cast<int*>(dlsym(RTLD_DEFAULT, "platformLibPresenceFlag")));
        std::fflush(stdout);
        Tamlo::checkIncompat();
        std::printf("compatible\n");
@@ -148,10 +133,10 @@ Command const commands[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (auto const& command : commands)
-    if (argc > 1 && std::strcmp(argv[1], command.name) == 0) {
+  for (auto const& [name, run] : commands)
+    if (argc > 1 && std::strcmp(argv[1], name) == 0) {
       try {
-        command.run(Args(argv + 2, argv + argc));
+        run(Args(argv + 2, argv + argc));
         return 0;
       } catch (Tamlo::InvalidInitializeException const& e) {  // a bad QZTEST_RANDSEED
         std::printf("%s\n", e.msg().c_str());
