@@ -1,5 +1,4 @@
-// A stand-in for the counters plugin: logs every call to a text that the
-// tests read through the exported vigorCountersLog().
+// A stand-in for the counters plugin, logging each call for vigorCountersLog().
 #include <Tamlo/Counters.h>
 #include <fmt/format.h>
 
