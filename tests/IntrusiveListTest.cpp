@@ -89,8 +89,7 @@ TEST(IntrusiveList, MisuseAssertsAndLeavesListsUnchanged) {
   for (auto const& [action, text] : cases)
     EXPECT_THAT(Tamlo::Test::assertionText(action), testing::EndsWith(text));
   EXPECT_TRUE(values(queue) == std::vector({1, 2}) && values(registry) == std::vector({1}));
-  EXPECT_TRUE(otherRegistry.empty() && registry.beginAt(linked)->value_ == 1);
-  EXPECT_FALSE(loose.isLinked() || b.registeredLink_.isLinked());
+  EXPECT_FALSE(loose.isLinked() || b.registeredLink_.isLinked() || !otherRegistry.empty());
 }
 
 TEST(IntrusiveBookmarkList, WalkSurvivesUnlinkingAroundItsPosition) {

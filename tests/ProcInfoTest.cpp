@@ -26,8 +26,7 @@ TEST(ProcInfoTest, ReadersDescribeALiveProcessAndRefuseAGoneOne) {
     pid = child.pid();
     EXPECT_EQ(ProcInfo::title(pid), "tamlo (child)");
     EXPECT_THAT(ProcInfo::commandLine(pid).at(0), testing::EndsWith("/ProcInfoTest"));
-    ProcInfo::StartTime const self = ProcInfo::startTime(::getpid());
-    ProcInfo::StartTime const started = ProcInfo::startTime(pid);
+    auto const self = ProcInfo::startTime(::getpid()), started = ProcInfo::startTime(pid);
     EXPECT_GE(started.sinceBoot, self.sinceBoot);
     // Both rest on the same boot time, which a clock step can move by a second.
     EXPECT_NEAR(started.wallClock - started.sinceBoot, self.wallClock - self.sinceBoot, 1.0);

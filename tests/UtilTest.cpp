@@ -36,15 +36,13 @@ TEST(UtilTest, DisplayPointerRestoresTheStreamsFormatting) {
 }
 
 TEST(UtilTest, IntrospectionMapInsertsReplacesAndRemovesFromManyThreads) {
-  using Render = std::string (*)(void const*);
-  static Render const first = [](void const*) { return std::string("first"); };
-  static Render const second = [](void const*) { return std::string("second"); };
+  static std::string (*const second)(void const*) = [](void const*) { return std::string(); };
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([t] {
       for (int i = 0; i < 300; ++i) {
         std::string const name = fmt::format("UtilTest.{}.{}.", t, i);
-        IntrospectionMap::insert(name, first);
+        IntrospectionMap::insert(name, [](void const*) { return std::string("first"); });
         IntrospectionMap::insert(name, second);
         EXPECT_EQ(IntrospectionMap::lookup(name), second);
         EXPECT_EQ(IntrospectionMap::lookup(name.substr(0, name.size() - 1)), nullptr);
