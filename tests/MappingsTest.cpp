@@ -27,18 +27,12 @@ uintptr_t at(void const* object) {
   return reinterpret_cast<uintptr_t>(object);
 }
 
-// Made before the fork, so that the child holds them at the same addresses.
 struct Objects {
   diag::Labelled labelled;
   Tamlo::RuntimeException libraryException{"made in the test"};
   uintptr_t plainNumber = 42, stackPointer = at(__builtin_frame_address(0)),
             functionPointer = reinterpret_cast<uintptr_t>(&at);
 };
-
-[[gnu::noinline]] Objects const& objects() {
-  static Objects const made{};
-  return made;
-}
 
 }  // namespace
 
@@ -89,7 +83,7 @@ TEST(MappingsFindTest, FindsTheMappingHoldingAnAddress) {
 }
 
 TEST(RemoteTypeNameTest, NamesObjectsOfAChildAndReportsWordsThatAreNoVtablePointers) {
-  Objects const& o = objects();
+  static Objects const o;  // made before the fork: the child holds them at the same addresses
   auto child = std::make_optional<Tamlo::Test::LiveChild>([] {});
   pid_t const pid = child->pid();
   Mappings const mappings = Mappings::ofProcess(pid);
