@@ -46,9 +46,8 @@ TEST(PluginTest, DuplicateOrNullRegistrationIsAnAssertion) {
   auto* const original = new NamedPlugin(name);
   NamedPlugin impostor(name);
   registerPlugin(original);
-  EXPECT_THAT(
-      assertionText([&] { registerPlugin(&impostor); }),
-      EndsWith(" Tamlo::Platform::registerPlugin() Plugin " + name + " already registered"));
+  EXPECT_THAT(assertionText([&] { registerPlugin(&impostor); }),
+              EndsWith("Platform::registerPlugin() Plugin " + name + " already registered"));
   EXPECT_EQ(loadPlugin(name.c_str()), original);  // registered plugins need no object
   EXPECT_THAT(assertionText([] { loadPlugin(nullptr); }), EndsWith("null plugin name"));
   EXPECT_THAT(assertionText([] { registerPlugin(nullptr); }), EndsWith("null plugin registered"));

@@ -20,18 +20,17 @@ TEST(ProcInfoTest, StartTicksAreField22CountedPastTheLastParenthesis) {
 }
 
 TEST(ProcInfoTest, ReadersDescribeALiveProcessAndRefuseAGoneOne) {
-  pid_t pid;
-  {
-    Tamlo::Test::LiveChild const child([] { ::prctl(PR_SET_NAME, "tamlo (child)"); });
-    pid = child.pid();
-    EXPECT_EQ(ProcInfo::title(pid), "tamlo (child)");
-    EXPECT_THAT(ProcInfo::commandLine(pid).at(0), testing::EndsWith("/ProcInfoTest"));
-    auto const self = ProcInfo::startTime(::getpid()), started = ProcInfo::startTime(pid);
-    EXPECT_GE(started.sinceBoot, self.sinceBoot);
-    // Both rest on the same boot time, which a clock step can move by a second.
-    EXPECT_NEAR(started.wallClock - started.sinceBoot, self.wallClock - self.sinceBoot, 1.0);
-    EXPECT_NEAR(started.wallClock, static_cast<double>(std::time(nullptr)), 600);
-  }
+  auto child =
+      std::make_optional<Tamlo::Test::LiveChild>([] { ::prctl(PR_SET_NAME, "tamlo (child)"); });
+  pid_t const pid = child->pid();
+  EXPECT_EQ(ProcInfo::title(pid), "tamlo (child)");
+  EXPECT_THAT(ProcInfo::commandLine(pid).at(0), testing::EndsWith("/ProcInfoTest"));
+  auto const self = ProcInfo::startTime(::getpid()), started = ProcInfo::startTime(pid);
+  EXPECT_GE(started.sinceBoot, self.sinceBoot);
+  // Both rest on the same boot time, which a clock step can move by a second.
+  EXPECT_NEAR(started.wallClock - started.sinceBoot, self.wallClock - self.sinceBoot, 1.0);
+  EXPECT_NEAR(started.wallClock, static_cast<double>(std::time(nullptr)), 600);
+  child.reset();
   EXPECT_EQ(errorOf([&] { ProcInfo::startTime(pid); }),
             "Tamlo::RuntimeException: no process with pid:" + std::to_string(pid));
   EXPECT_EQ(errorOf([] { ProcInfo::title(0); }), "Tamlo::OutOfRangeException: invalid pid:0");

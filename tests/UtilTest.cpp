@@ -10,7 +10,6 @@
 
 namespace {
 
-using Tamlo::DisplayPointer;
 using Tamlo::IntrospectionMap;
 using Tamlo::Test::errorOf;
 namespace fs = std::filesystem;
@@ -28,8 +27,8 @@ TEST(UtilTest, DisplayPointerRestoresTheStreamsFormatting) {
   std::ostringstream out;
   out << std::uppercase << std::left << std::setfill('*');
   std::ios_base::fmtflags const flags = out.flags();
-  out << DisplayPointer(reinterpret_cast<void const*>(uintptr_t{0xfedcba9876543210})) << " "
-      << DisplayPointer(nullptr) << " " << 255 << " " << std::setw(4) << 7;
+  out << Tamlo::DisplayPointer(reinterpret_cast<void const*>(uintptr_t{0xfedcba9876543210})) << " "
+      << Tamlo::DisplayPointer(nullptr) << " " << 255 << " " << std::setw(4) << 7;
   EXPECT_EQ(out.flags(), flags);
   EXPECT_EQ(out.str(), "0xfedcba9876543210 NULL 255 7***");
 }
