@@ -20,21 +20,15 @@ std::string walkOf(DirNode& walker, std::string const& root) {
   return text;
 }
 
-class DirNodeTest : public testing::Test {
- protected:
-  void SetUp() override {
-    fs::create_directories(scratch_ / "sub/inner");
-    Tamlo::Util::touch(scratch_ / "a.txt");
-    Tamlo::Util::touch(scratch_ / "sub/deep.txt");
-    fs::create_directory_symlink("sub", scratch_ / "link");
-    fs::create_symlink("missing", scratch_ / "dangling");
-    fs::create_directory_symlink(".", scratch_ / "loop");
-    ASSERT_EQ(::mkfifo((scratch_ / "fifo").c_str(), 0600), 0);
-  }
-  Tamlo::Test::ScratchDirectory const scratch_;
-};
-
-TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinksOrThrowsForItsRoot) {
+TEST(DirNodeTest, WalksInNameOrderFollowingItsSwitchesAndReportsWhatItCannotOpen) {
+  Tamlo::Test::ScratchDirectory const scratch;
+  fs::create_directories(scratch / "sub/inner");
+  Tamlo::Util::touch(scratch / "a.txt");
+  Tamlo::Util::touch(scratch / "sub/deep.txt");
+  fs::create_directory_symlink("sub", scratch / "link");
+  fs::create_symlink("missing", scratch / "dangling");
+  fs::create_directory_symlink(".", scratch / "loop");
+  ASSERT_EQ(::mkfifo((scratch / "fifo").c_str(), 0600), 0);
   std::string const top = "a.txt:file:0 dangling:symlink:0 fifo:other:0 ";
   std::string const links = top + "link:symlink:0 loop:symlink:0 ";
   std::string const sub = "sub:directory:0 sub/deep.txt:file:1 sub/inner:directory:1 ";
@@ -49,30 +43,27 @@ TEST_F(DirNodeTest, WalksInNameOrderWithTypesRecursionFilterAndSymlinksOrThrowsF
            "| dangling: No such file or directory | loop: Too many levels of symbolic links "},
   };
   for (auto const& [recursive, follow, skipSub, walk] : cases) {
-    DirNode walker(scratch_.path());
+    DirNode walker(scratch.path());
     walker.recursiveIs(recursive);
     walker.followSymlinksIs(follow);
     if (skipSub)
       walker.filterIs([](DirEntry const& entry) { return entry.name != "sub"; });
     int const descriptors = Tamlo::Test::openDescriptorCount();
-    EXPECT_EQ(walkOf(walker, scratch_.path()), walk) << recursive << follow << skipSub;
+    EXPECT_EQ(walkOf(walker, scratch.path()), walk) << recursive << follow << skipSub;
     EXPECT_EQ(Tamlo::Test::openDescriptorCount(), descriptors);
   }
   for (std::string const error : {"none: No such file or directory", "a.txt: Not a directory"})
     EXPECT_EQ(Tamlo::Test::errorOf(
-                  [&] { DirNode(scratch_ / error.substr(0, error.find(':'))).entries(); }),
-              "Tamlo::RuntimeException: opendir " + scratch_ / error);
-}
+                  [&] { DirNode(scratch / error.substr(0, error.find(':'))).entries(); }),
+              "Tamlo::RuntimeException: opendir " + scratch / error);
 
-TEST_F(DirNodeTest, UnreadableDirectoryIsReportedAndTheWalkGoesOn) {
   if (::geteuid() != 0)
     GTEST_SKIP() << "needs root to run a child as another user";
-  fs::create_directories(scratch_ / "sub/inner/hidden");
-  fs::permissions(scratch_ / "sub/inner", fs::perms::owner_all);
-  auto const asNobody = [&] {
-    DirNode walker(scratch_ / "sub");
+  fs::permissions(scratch / "sub/inner", fs::perms::owner_all);
+  auto const asNobody = [&] {  // an unreadable directory below the root
+    DirNode walker(scratch / "sub");
     walker.recursiveIs(true);
-    return walkOf(walker, scratch_ / "sub") ==
+    return walkOf(walker, scratch / "sub") ==
            "deep.txt:file:0 inner:directory:0 | inner: Permission denied ";
   };
   EXPECT_EQ(Tamlo::Test::runInChild(asNobody, true).exitCode, 1);

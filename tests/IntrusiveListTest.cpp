@@ -32,15 +32,14 @@ std::vector<int> values(List const& list) {
 }
 
 TEST(IntrusiveList, RandomOperationsOnTwoQueuesMatchStdList) {
-  constexpr int kItems = 10;
   std::vector<std::unique_ptr<Item>> items;
-  for (int v = 0; v < kItems; ++v)
+  for (int v = 0; v < 10; ++v)
     items.push_back(std::make_unique<Item>(v));
   auto queues = std::make_unique<std::array<Queue, 2>>();
   std::list<int> models[2];
   std::mt19937 random(12345);
   for (int step = 0; step < 4000; ++step) {
-    int const v = static_cast<int>(random() % kItems), q = static_cast<int>(random() % 2);
+    int const v = static_cast<int>(random() % 10), q = static_cast<int>(random() % 2);
     bool const queued = std::ranges::count(models[0], v) + std::ranges::count(models[1], v);
     unsigned const op = random() % 4;
     if (op == 0 && queued) {
@@ -61,12 +60,11 @@ TEST(IntrusiveList, RandomOperationsOnTwoQueuesMatchStdList) {
       ASSERT_EQ(values((*queues)[i]), std::vector(models[i].begin(), models[i].end())) << step;
   }
   queues.reset();  // destroying a list unlinks its elements
-  for (auto const& item : items)
-    EXPECT_FALSE(item->queueLink_.isLinked());
+  EXPECT_TRUE(std::ranges::none_of(items, [](auto& item) { return item->queueLink_.isLinked(); }));
 }
 
 TEST(IntrusiveList, MisuseAssertsAndLeavesListsUnchanged) {
-  Queue queue, other;
+  Queue queue;
   Registry registry, otherRegistry;
   Item a(1), b(2);
   BookmarkListLinkNode loose(Role::bookmark), linked(Role::bookmark);
@@ -76,7 +74,6 @@ TEST(IntrusiveList, MisuseAssertsAndLeavesListsUnchanged) {
   registry.linkBookmark(linked, registry.begin());
   std::pair<std::function<void()>, std::string> const cases[] = {
       {[&] { queue.pushBack(a); }, "!( element.*ptrToLinkNode ).isLinked()"},
-      {[&] { other.pushFront(a); }, "!( element.*ptrToLinkNode ).isLinked()"},
       {[&] { Registry::unlink(b); }, "( element.*ptrToLinkNode ).isLinked()"},
       {[&] { queue.spliceToFront(queue); }, "splicing a list into itself"},
       {[&] { (void)*queue.end(); }, "dereferencing the end of the list"},
@@ -92,21 +89,17 @@ TEST(IntrusiveList, MisuseAssertsAndLeavesListsUnchanged) {
   for (auto const& [action, text] : cases)
     EXPECT_THAT(Tamlo::Test::assertionText(action), testing::EndsWith(text));
   EXPECT_TRUE(values(queue) == std::vector({1, 2}) && values(registry) == std::vector({1}));
-  EXPECT_TRUE(other.empty() && otherRegistry.empty() && registry.beginAt(linked)->value_ == 1);
-  EXPECT_FALSE(loose.isLinked() || b.registeredLink_.isLinked());
+  EXPECT_FALSE(loose.isLinked() || b.registeredLink_.isLinked() || !otherRegistry.empty());
 }
 
 TEST(IntrusiveBookmarkList, WalkSurvivesUnlinkingAroundItsPosition) {
   Registry registry;
   BookmarkListLinkNode bookmark(Role::bookmark), parked(Role::bookmark);
   registry.linkBookmark(parked, registry.end());
-  EXPECT_TRUE(registry.empty());
-  EXPECT_EQ(registry.front(), nullptr);
+  EXPECT_TRUE(registry.empty() && registry.front() == nullptr);  // a bookmark is no element
   std::vector<std::unique_ptr<Item>> items;
-  for (int value = 1; value <= 6; ++value) {
-    items.push_back(std::make_unique<Item>(value));
-    registry.pushBack(*items.back());
-  }
+  for (int value = 1; value <= 6; ++value)
+    registry.pushBack(*items.emplace_back(std::make_unique<Item>(value)));
   // Visiting 2 unlinks 2 and 3 and destroys 4; visiting 5 unlinks itself and
   // pushes a new element at the front, which the walk has passed already.
   Item newcomer(7);

@@ -3,7 +3,6 @@
 #include <Tamlo/IntrospectionMap.h>
 #include <Tamlo/TypeName.h>
 
-#include <dlfcn.h>
 #include <iomanip>
 #include <sstream>
 
@@ -11,7 +10,6 @@
 
 namespace {
 
-using Tamlo::DisplayPointer;
 using Tamlo::IntrospectionMap;
 using Tamlo::Test::errorOf;
 namespace fs = std::filesystem;
@@ -20,8 +18,7 @@ namespace Util = Tamlo::Util;
 TEST(UtilTest, Base64EncodeGivesSixCharactersLowGroupFirst) {
   // 1 << 30 places the sixth group, which holds the top two bits.
   std::pair<uint32_t, char const*> const cases[] = {
-      {1, "BAAAAA"},  {26, "aAAAAA"},       {52, "0AAAAA"},         {62, "_AAAAA"},
-      {63, "=AAAAA"}, {1u << 30, "AAAAAB"}, {0x12345678u, "4ZFNSA"}};
+      {1, "BAAAAA"}, {63, "=AAAAA"}, {1u << 30, "AAAAAB"}, {0x12345678u, "4ZFNSA"}};
   for (auto const& [value, text] : cases)
     EXPECT_EQ(Tamlo::Util::base64Encode(value), text) << value;
 }
@@ -30,22 +27,20 @@ TEST(UtilTest, DisplayPointerRestoresTheStreamsFormatting) {
   std::ostringstream out;
   out << std::uppercase << std::left << std::setfill('*');
   std::ios_base::fmtflags const flags = out.flags();
-  out << DisplayPointer(reinterpret_cast<void const*>(uintptr_t{0xfedcba9876543210})) << " "
-      << DisplayPointer(nullptr) << " " << 255 << " " << std::setw(4) << 7;
+  out << Tamlo::DisplayPointer(reinterpret_cast<void const*>(uintptr_t{0xfedcba9876543210})) << " "
+      << Tamlo::DisplayPointer(nullptr) << " " << 255 << " " << std::setw(4) << 7;
   EXPECT_EQ(out.flags(), flags);
   EXPECT_EQ(out.str(), "0xfedcba9876543210 NULL 255 7***");
 }
 
 TEST(UtilTest, IntrospectionMapInsertsReplacesAndRemovesFromManyThreads) {
-  using Render = std::string (*)(void const*);
-  static Render const first = [](void const*) { return std::string("first"); };
-  static Render const second = [](void const*) { return std::string("second"); };
+  static std::string (*const second)(void const*) = [](void const*) { return std::string(); };
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([t] {
       for (int i = 0; i < 300; ++i) {
         std::string const name = fmt::format("UtilTest.{}.{}.", t, i);
-        IntrospectionMap::insert(name, first);
+        IntrospectionMap::insert(name, [](void const*) { return std::string("first"); });
         IntrospectionMap::insert(name, second);
         EXPECT_EQ(IntrospectionMap::lookup(name), second);
         EXPECT_EQ(IntrospectionMap::lookup(name.substr(0, name.size() - 1)), nullptr);
@@ -63,29 +58,25 @@ TEST(UtilTest, TypeNameReturnsWhatItCannotDemangle) {
 }
 
 TEST(UtilTest, CountersReachTheCountersPlugin) {
+  testing::internal::CaptureStdout();
   Tamlo::Counters counters("serverStats");
-  ASSERT_NE(counters.plugin(), nullptr);
-  auto const log =
-      reinterpret_cast<std::string const& (*)()>(dlsym(RTLD_DEFAULT, "vigorCountersLog"));
-  ASSERT_NE(log, nullptr);
+  EXPECT_NE(counters.plugin(), nullptr);
   uint64_t requests = 0;
   counters.counter("requests", &requests);
   // A nameless set opens nothing, but still shares the one plugin.
-  Tamlo::Counters unnamed(nullptr);
-  EXPECT_EQ(unnamed.plugin(), counters.plugin());
-  EXPECT_THAT(log(), testing::EndsWith(fmt::format("open serverStats\nadd requests {}\n",
-                                                   static_cast<void*>(&requests))));
+  EXPECT_EQ(Tamlo::Counters(nullptr).plugin(), counters.plugin());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            fmt::format("open serverStats\nadd requests {}\n", static_cast<void*>(&requests)));
 }
 
 TEST(UtilTest, CountersWithoutThePluginDoNothing) {
   auto const run = Tamlo::Test::runHelper("DiagHelper", {"counters"}, {"TRACEFORMAT=handle,level"},
                                           {"LD_LIBRARY_PATH", "TRACE", "TRACEFILE"});
   EXPECT_EQ(run.exitCode, 0);
-  EXPECT_EQ(run.out, "plugin null\nrequests 7\n");
-  EXPECT_EQ(
-      run.err,
-      "TamloPlugin 0 Platform::loadPlugin() Failed to load plugin VigorCountersPlugin: "
-      "libVigorCountersPlugin.so: cannot open shared object file: No such file or directory\n");
+  EXPECT_EQ(run.out + run.err,
+            "plugin null\nrequests 7\nTamloPlugin 0 Platform::loadPlugin() Failed to load plugin "
+            "VigorCountersPlugin: libVigorCountersPlugin.so: cannot open shared object file: No "
+            "such file or directory\n");
 }
 
 TEST(UtilFileTest, WriteReplacesAtomicallyAndTheOtherHelpersAct) {
@@ -102,8 +93,8 @@ TEST(UtilFileTest, WriteReplacesAtomicallyAndTheOtherHelpersAct) {
   Util::touch(file);
   EXPECT_GT(fs::last_write_time(file), hourAgo + std::chrono::minutes(59));
   EXPECT_EQ(Util::readFile(file), "xxx");
-  EXPECT_TRUE(Util::remove(file));
-  EXPECT_FALSE(Util::remove(file));
+  EXPECT_EQ(Util::readLockPid(file), -1);  // unlocked
+  EXPECT_TRUE(Util::remove(file) && !Util::remove(file));
   EXPECT_NE(Util::readFile("/proc/self/status").find("Pid:"), std::string::npos);  // no size
 }
 
@@ -114,8 +105,6 @@ TEST(UtilFileTest, FailuresNameThePathAndTheErrorAndLeakNothing) {
   std::string const none = d + "/none", missing = ": No such file or directory";
   std::pair<std::function<void()>, std::string> const cases[] = {
       {[&] { Util::readFile(none); }, "open " + none + missing},
-      {[&] { Util::truncate(none, 1); }, "truncate " + none + missing},
-      {[&] { Util::fileSize(none); }, "stat " + none + missing},
       {[&] { Util::readFile(d); }, "read " + d + ": Is a directory"},
       {[&] { Util::writeFile(d + "/no/f", "x"); },
        "create " + d + "/no/f.tmp.[0-9]+.[0-9]+" + missing},
@@ -149,8 +138,7 @@ TEST(UtilFileTest, MkpathCreatesEveryMissingDirectoryAndReportsLikeMkdir) {
   };
   for (auto const& [path, existingIsOk, error] : cases) {
     int const result = Util::mkpath(path, 0777, existingIsOk);
-    EXPECT_EQ(result == 0 ? 0 : errno, error) << path;
-    EXPECT_EQ(result, error == 0 ? 0 : -1) << path;
+    EXPECT_EQ(std::pair(result, result ? errno : 0), std::pair(error ? -1 : 0, error)) << path;
   }
   ::umask(oldMask);
   EXPECT_EQ(fs::status(dir / "a/b").permissions(), fs::perms(0755));
@@ -165,6 +153,7 @@ TEST(UtilFileTest, TrimpathCleansLexically) {
   EXPECT_EQ(cleaned, ". / a/b/c / ../../a .. /x/z ");
 }
 
+// Reading /proc/locks for a real file is in FileLockTest.
 TEST(UtilLockPidTest, ParsesHoldingLocksOfTheFileOnly) {
   // The holder of a lock another waits for; open file locks (pid -1) in either listing.
   std::pair<char const*, std::optional<pid_t>> const cases[] = {
@@ -176,20 +165,6 @@ TEST(UtilLockPidTest, ParsesHoldingLocksOfTheFileOnly) {
   };
   for (auto const& [text, pid] : cases)
     EXPECT_EQ(Util::parseLockPid(text, 0xfd, 1, 7), pid) << text;
-}
-
-// Open file locks are read back in FileLockTest.
-TEST(UtilLockPidTest, FindsTheProcessHoldingAPosixLock) {
-  Tamlo::Test::ScratchDirectory const dir;
-  std::string const file = dir / "lock";
-  Util::touch(file);
-  EXPECT_EQ(Util::readLockPid(file), -1);
-  Tamlo::Test::LiveChild const holder([&] {
-    struct flock range = {};
-    range.l_type = F_WRLCK;
-    ::fcntl(::open(file.c_str(), O_RDWR), F_SETLK, &range);
-  });
-  EXPECT_EQ(Util::readLockPid(file), holder.pid());
 }
 
 }  // namespace

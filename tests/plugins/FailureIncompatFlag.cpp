@@ -1,6 +1,4 @@
-// Stands in for a platform library that is incompatible with Tamlo: it
-// defines the library-presence flag with a value of its own. The failure tests
-// preload it so that its definition comes first in dynamic symbol lookup.
+// An incompatible platform library: preloaded, its own presence flag wins the symbol lookup.
 extern "C" {
 int platformLibPresenceFlag = 1;
 }
