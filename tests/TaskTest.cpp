@@ -1,6 +1,5 @@
-// Tasks: names, status and statistics, the quantum and its violations (in
-// virtual time, so that the test sets run lengths), the yield modes, work
-// counts, runs from tests, and a task destroyed twice.
+// Tasks: names, work counts, the quantum and its violations (in virtual time, so that the test
+// sets run lengths), the yield modes, runs from tests, and a task destroyed twice.
 #include <Tamlo/Task.h>
 
 #include <chrono>
@@ -59,23 +58,16 @@ TEST_F(TaskTest, NamesAreInternedAndTheSchedulerMustBeOwned) {
 
 TEST_F(TaskTest, WorkCountsAverageAndSaturate) {
   auto const task = makeTask(root_, TaskPriority::normal, "worker");
-  // The average starts at the first sample and moves a tenth of the way.
-  struct {
-    uint64_t count;
-    float average;
-    uint32_t highWaterMark;
-  } const samples[] = {{10, 10.0f, 10}, {20, 11.0f, 20}, {0, 9.9f, 20}};
-  for (auto const& sample : samples) {
-    task->taskWorkCountInc(sample.count);
-    EXPECT_FLOAT_EQ(task->taskWorkCountDecayingAvg(), sample.average);
-    EXPECT_EQ(task->taskWorkCountHighWaterMark().value(), sample.highWaterMark);
-  }
+  // The average starts at the first sample and moves a tenth of the way: 10, 11, 9.9.
+  for (uint64_t count : {10, 20, 0})
+    task->taskWorkCountInc(count);
+  EXPECT_FLOAT_EQ(task->taskWorkCountDecayingAvg(), 9.9f);
+  EXPECT_EQ(task->taskWorkCountHighWaterMark().value(), 20u);
   EXPECT_EQ(task->taskWorkCountTotal(), 30u);
   task->taskWorkCountInc(uint64_t{1} << 40);
   EXPECT_EQ(task->taskWorkCountHighWaterMark().value(), 0xfffffffeu);
   task->taskWorkPendingIs(5);
   task->taskWorkPendingIs(3);
-  EXPECT_EQ(task->taskWorkPending(), 3u);
   EXPECT_EQ(task->taskWorkPendingHighWaterMark().value(), 5u);
   task->taskWorkPendingIs(0xffffffffu);
   EXPECT_EQ(task->taskWorkPendingHighWaterMark().value(), 0xfffffffeu);
@@ -85,13 +77,9 @@ TEST_F(TaskTest, QuantumMustLieBetweenOneNanosecondAndOneSecond) {
   auto const task = makeTask(root_, TaskPriority::normal, "q");
   EXPECT_THAT(assertionText([&] { task->taskQuantumIs(0ns); }), EndsWith("Quantum: 0ns"));
   EXPECT_THAT(assertionText([&] { task->taskQuantumIs(1s + 1ns); }), EndsWith("Quantum: 1000ms"));
-  task->taskQuantumNoCheckIs(5s);
-  EXPECT_EQ(task->taskQuantum(), 5s);
 }
 
-// The clock also moves by the real time a run takes, so each run lasts its
-// step and a little more: 2.0 and 5.0 reach the boundaries. A run is told to
-// yield once its quantum has passed.
+// A run lasts its step and the little real time it takes, so 2.0 and 5.0 reach the boundaries.
 TEST_F(TaskVirtualTimeTest, ViolationsAreCountedAtTwiceAndAtFiveTimesTheQuantum) {
   std::vector<double> const steps = {0.5, 1.5, 2.0, 4.5, 5.0, 12.0};
   std::vector<bool> answers;
@@ -100,14 +88,15 @@ TEST_F(TaskVirtualTimeTest, ViolationsAreCountedAtTwiceAndAtFiveTimesTheQuantum)
     answers.push_back(self.taskShouldYield());
   });
   task->taskQuantumIs(1s);
-  std::vector<std::pair<uint32_t, uint32_t>> counts;
+  std::string counts;
   for (size_t run = 0; run < steps.size(); ++run) {
     task->taskRunFromTest();
-    counts.emplace_back(task->taskQuantumViolation200(), task->taskQuantumViolation500());
+    counts +=
+        fmt::format("{}{} ", task->taskQuantumViolation200(), task->taskQuantumViolation500());
   }
-  EXPECT_THAT(counts, ElementsAre(std::pair(0u, 0u), std::pair(0u, 0u), std::pair(1u, 0u),
-                                  std::pair(2u, 0u), std::pair(2u, 1u), std::pair(2u, 2u)));
-  EXPECT_THAT(answers, ElementsAre(false, true, true, true, true, true));
+  EXPECT_EQ(counts, "00 00 10 20 21 22 ");
+  EXPECT_THAT(answers,
+              ElementsAre(false, true, true, true, true, true));  // once the quantum passed
   EXPECT_GE(task->taskTotalRunTime(), 25s);
 
   root_->defaultTaskQuantumIs(0ns);  // counts none
@@ -181,7 +170,6 @@ TEST_F(TaskTest, RunsFromTestsActAsPicksAndTurnsWould) {
   task->taskRunFromTest();
   EXPECT_EQ(root_->runTaskCount(TaskPriority::low), 0u) << "not queued, so no pick";
   task->scheduleTask();
-  EXPECT_EQ(task->getStats().taskStatusString(), " L");
   task->taskRunFromTest();
   EXPECT_FALSE(task->taskScheduled());
   EXPECT_EQ(root_->runTaskCount(TaskPriority::low), 1u);

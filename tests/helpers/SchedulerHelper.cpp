@@ -1,11 +1,11 @@
-// Scheduler failures that end the process, and runs whose output a test
-// compares. Usage: SchedulerHelper <mode>; the modes are in the table below.
+// Scheduler failures that end the process, and runs whose output a test compares.
+// Usage: SchedulerHelper <mode>; the modes are in the table below.
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
-#include <limits>
 #include <string_view>
 
 #include <Tamlo/Allocator.h>
@@ -21,9 +21,7 @@ namespace {
 using namespace std::chrono_literals;
 using Tamlo::TaskPriority;
 
-std::shared_ptr<Tamlo::TaskSchedulerRoot> root() {
-  return Tamlo::schedulerRootTamlo();
-}
+constexpr auto root = &Tamlo::schedulerRootTamlo;
 
 class DoomedTask : public Tamlo::Task {
  public:
@@ -71,8 +69,8 @@ struct IdleFdTask : Tamlo::FileDescriptorTask {
 // Watches a socket at descriptor 20, so that messages name known numbers.
 std::shared_ptr<IdleFdTask> fdTaskOn20(bool readable = true) {
   int fds[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0 || dup2(fds[0], 20) != 20)
-    return nullptr;
+  ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
+  ::dup2(fds[0], 20);
   auto task = Tamlo::makeShared<IdleFdTask>();
   task->taskWatchFdIs(20);
   task->taskWatchReadableIs(readable);
@@ -89,7 +87,6 @@ int forkMode() {
   };
   auto const inherited = Tamlo::makeShared<Counting>(root(), TaskPriority::normal, "inherited");
   inherited->scheduleTaskDelay(5ms);
-  std::fflush(stdout);
   pid_t const child = ::fork();
   if (child == 0) {
     Tamlo::leForkReinit();
@@ -119,8 +116,7 @@ constexpr Mode modes[] = {
      [] {
        auto const task = Tamlo::makeShared<DoomedTask>(root());
        task->scheduleTask();
-       Tamlo::Platform::doEventLoop();
-       return std::puts("the run returned"), 0;
+       return Tamlo::Platform::doEventLoop(), 0;
      }},
     {"destroyagain",
      [] {
@@ -128,24 +124,18 @@ constexpr Mode modes[] = {
        auto task = Tamlo::makeShared<DoomedTask>(root());
        task->handleDestroy();
        task->scheduleTask();
-       task.reset();
-       return std::puts("destroyed silently"), 0;
+       return task.reset(), 0;
      }},
     {"timertrace", timerTraceMode},
     {"jitter101", [] { return timerTask()->scheduleTaskJitterUp(1s, 101), 0; }},
     {"lowestnever",
      [] { return timerTask()->scheduleTaskLowestDelay(std::chrono::nanoseconds::max()), 0; }},
-    {"lowestinfinity",
-     [] {
-       return timerTask()->scheduleTaskLowestDelay(std::numeric_limits<double>::infinity()), 0;
-     }},
+    {"lowestinfinity", [] { return timerTask()->scheduleTaskLowestDelay(HUGE_VAL), 0; }},
     // The first draw of a fresh root is 0, and an offset of 0 exceeds -10 ns.
     {"jitternegative", [] { return timerTask()->scheduleTaskJitterDown(-10ns, 100), 0; }},
     {"grouppriority",
      [] {
-       Tamlo::makeShared<IdleTask<Tamlo::Task>>(group(TaskPriority::high, true),
-                                                TaskPriority::normal);
-       return 0;
+       return IdleTask<Tamlo::Task>(group(TaskPriority::high, true), TaskPriority::normal), 0;
      }},
     // A ParentTask that outlives its group.
     {"orphanparent",
