@@ -35,10 +35,8 @@ class TaskVirtualTimeTest : public TaskTest {
   ~TaskVirtualTimeTest() override { Tamlo::Platform::setFastForward(false); }
 };
 
-class PointerTask : public Tamlo::Task {
- public:
-  explicit PointerTask(Tamlo::TaskScheduler* scheduler)
-      : Task(scheduler, TaskPriority::low, "pointer") {}
+struct PointerTask : Tamlo::Task {
+  explicit PointerTask(Tamlo::TaskScheduler* scheduler) : Task(scheduler, TaskPriority::low, "p") {}
   void taskExecute() override {}
 };
 

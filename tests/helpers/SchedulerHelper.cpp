@@ -23,10 +23,8 @@ using Tamlo::TaskPriority;
 
 constexpr auto root = &Tamlo::schedulerRootTamlo;
 
-class DoomedTask : public Tamlo::Task {
- public:
-  explicit DoomedTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler)
-      : Task(std::move(scheduler), TaskPriority::normal, "doomed") {}
+struct DoomedTask : Tamlo::Task {
+  DoomedTask() : Task(root(), TaskPriority::normal, "doomed") {}
   void taskExecute() override { handleDestroy(); }
 };
 
@@ -60,22 +58,17 @@ int timerTraceMode() {
   return 0;
 }
 
-struct IdleFdTask : Tamlo::FileDescriptorTask {
-  IdleFdTask() : FileDescriptorTask(root(), TaskPriority::normal, "fd") {}
+// Watches a socket at descriptor 20, so that messages name known numbers.
+struct FdTaskOn20 : Tamlo::FileDescriptorTask {
+  explicit FdTaskOn20(bool readable) : FileDescriptorTask(root(), TaskPriority::normal, "fd") {
+    int fds[2];
+    ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
+    taskWatchFdIs(::dup2(fds[0], 20));
+    taskWatchReadableIs(readable);
+  }
   void taskExecuteReadable() override {}
   void taskExecuteWritable() override {}
 };
-
-// Watches a socket at descriptor 20, so that messages name known numbers.
-std::shared_ptr<IdleFdTask> fdTaskOn20(bool readable = true) {
-  int fds[2];
-  ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
-  ::dup2(fds[0], 20);
-  auto task = Tamlo::makeShared<IdleFdTask>();
-  task->taskWatchFdIs(20);
-  task->taskWatchReadableIs(readable);
-  return task;
-}
 
 // A timer task armed before fork() runs once in each process; the child
 // re-initialises its base first and then also runs a timer task of its own.
@@ -114,14 +107,14 @@ struct Mode {
 constexpr Mode modes[] = {
     {"selfdestroy",
      [] {
-       auto const task = Tamlo::makeShared<DoomedTask>(root());
+       auto const task = Tamlo::makeShared<DoomedTask>();
        task->scheduleTask();
        return Tamlo::Platform::doEventLoop(), 0;
      }},
     {"destroyagain",
      [] {
-       auto const bystander = Tamlo::makeShared<DoomedTask>(root());  // keeps the count above 0
-       auto task = Tamlo::makeShared<DoomedTask>(root());
+       auto const bystander = Tamlo::makeShared<DoomedTask>();  // keeps the count above 0
+       auto task = Tamlo::makeShared<DoomedTask>();
        task->handleDestroy();
        task->scheduleTask();
        return task.reset(), 0;
@@ -156,9 +149,9 @@ constexpr Mode modes[] = {
        task->scheduleTask();
        return io->taskGroupRunFromTest(), 0;
      }},
-    {"fdreadoff", [] { return fdTaskOn20(false)->readFdEvent(20), 0; }},
-    {"fdwriteoff", [] { return fdTaskOn20()->writeFdEvent(20), 0; }},
-    {"fdother", [] { return fdTaskOn20()->readFdEvent(21), 0; }},
+    {"fdreadoff", [] { return Tamlo::makeShared<FdTaskOn20>(false)->readFdEvent(20), 0; }},
+    {"fdwriteoff", [] { return Tamlo::makeShared<FdTaskOn20>(true)->writeFdEvent(20), 0; }},
+    {"fdother", [] { return Tamlo::makeShared<FdTaskOn20>(true)->readFdEvent(21), 0; }},
     {"fork", forkMode},
 };
 
