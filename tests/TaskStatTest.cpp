@@ -4,10 +4,6 @@
 #include <optional>
 #include <sstream>
 
-#include "Tamlo/ConstStringCache.h"
-#include "Tamlo/TaskKey.h"
-#include "Tamlo/TaskMaybeU32.h"
-#include "Tamlo/TaskTime.h"
 #include "TestSupport.h"
 
 namespace Tamlo {

@@ -2,14 +2,9 @@
 // sets run lengths), the yield modes, runs from tests, and a task destroyed twice.
 #include <Tamlo/Task.h>
 
-#include <chrono>
 #include <csignal>
 
-#include <Tamlo/Allocator.h>
-#include <Tamlo/Platform.h>
-
 #include "SchedulerTestSupport.h"
-#include "TestSupport.h"
 
 namespace {
 
