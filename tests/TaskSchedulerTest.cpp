@@ -97,7 +97,6 @@ TEST_F(TaskSchedulerTest, RunsAndCompletedTasksAreCountedAndResetAcrossRuns) {
   auto reader = makeTask(root_, TaskPriority::normal, "reader", journalRuns(journal, 3));
   auto other = makeTask(root_, TaskPriority::normal, "reader2", journalRuns(journal, 1));
   auto const writer = makeTask(root_, TaskPriority::high, "writer", journalRuns(journal, 2));
-  auto const idle = makeTask(root_, TaskPriority::high, "idle");
   auto quiet = makeTask(root_, TaskPriority::normal, "quiet");
   quiet->includeInCompletedTaskIs(false);
   other->taskStatsNameIs("reader");
@@ -137,8 +136,7 @@ TEST_F(TaskSchedulerTest, PrioritiesBeyondScavengeHaveNoQueue) {
   EXPECT_EQ(root_->registeredTaskCount(), 0u);
 }
 
-// A task group is a scheduler registered under the root that is not its own
-// event-loop client.
+// A task group is a scheduler under the root that is not its own event-loop client.
 TEST_F(TaskSchedulerTest, RootSpeaksForEveryRegisteredScheduler) {
   auto const side = Tamlo::TaskGroup::TaskGroupIs("side", TaskPriority::normal, false, root_);
   auto const sideTask = makeTask(side, TaskPriority::low, "s1");

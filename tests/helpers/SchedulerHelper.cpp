@@ -99,12 +99,7 @@ int forkMode() {
   return 0;
 }
 
-struct Mode {
-  std::string_view name;
-  int (*run)();
-};
-
-constexpr Mode modes[] = {
+constexpr std::pair<std::string_view, int (*)()> modes[] = {
     {"selfdestroy",
      [] {
        auto const task = Tamlo::makeShared<DoomedTask>();
@@ -158,9 +153,8 @@ constexpr Mode modes[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (Mode const& mode : modes)
-    if (argc == 2 && mode.name == argv[1])
-      return mode.run();
-  std::fprintf(stderr, "usage: SchedulerHelper <mode>\n");
-  return 2;
+  for (auto const& [name, run] : modes)
+    if (argc == 2 && name == argv[1])
+      return run();
+  return std::fprintf(stderr, "usage: SchedulerHelper <mode>\n"), 2;
 }
