@@ -97,6 +97,7 @@ TEST_F(TaskSchedulerTest, RunsAndCompletedTasksAreCountedAndResetAcrossRuns) {
   auto reader = makeTask(root_, TaskPriority::normal, "reader", journalRuns(journal, 3));
   auto other = makeTask(root_, TaskPriority::normal, "reader2", journalRuns(journal, 1));
   auto const writer = makeTask(root_, TaskPriority::high, "writer", journalRuns(journal, 2));
+  auto const idle = makeTask(root_, TaskPriority::high, "idle");  // never runs, still walked
   auto quiet = makeTask(root_, TaskPriority::normal, "quiet");
   quiet->includeInCompletedTaskIs(false);
   other->taskStatsNameIs("reader");
