@@ -92,8 +92,7 @@ TEST_F(TaskVirtualTimeTest, QuantumLiesWithinASecondAndViolationsCountAtTwiceAnd
   EXPECT_EQ(unbounded->taskQuantumViolation200() + unbounded->taskQuantumViolation500(), 0u);
 }
 
-// The mode in force when the run ends measures it; a switch to virtual time
-// inside the run starts the measure at the switch.
+// The mode at the end of a run measures it, a switch to virtual time from the switch on.
 TEST_F(TaskVirtualTimeTest, TheModeAtTheEndOfARunMeasuresIt) {
   for (Mode const before : {Mode::realTime, Mode::virtualTime}) {
     Mode const after = before == Mode::realTime ? Mode::virtualTime : Mode::realTime;

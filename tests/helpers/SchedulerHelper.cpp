@@ -70,8 +70,7 @@ struct FdTaskOn20 : Tamlo::FileDescriptorTask {
   void taskExecuteWritable() override {}
 };
 
-// A timer task armed before fork() runs once in each process; the child
-// re-initialises its base first and then also runs a timer task of its own.
+// A timer armed before fork() runs in both processes; the child's base is re-initialised.
 int forkMode() {
   struct Counting : Tamlo::TimerTask {
     using TimerTask::TimerTask;
@@ -133,8 +132,7 @@ constexpr std::pair<std::string_view, int (*)()> modes[] = {
        io.reset();
        return static_cast<Tamlo::TaskImpl const&>(*parent).getStats(), 0;
      }},
-    // A suspended root drops the group's requests, so the ParentTask's run
-    // leaves work behind without being scheduled again.
+    // A suspended root drops the group's requests: the ParentTask's run leaves work unscheduled.
     {"groupsuspended",
      [] {
        auto const io = group(TaskPriority::normal, false);
