@@ -1,5 +1,4 @@
-// Task groups: the parent task that stands for the group, and the group turns of one parent
-// run (in virtual time, so that the test sets run lengths).
+// Task groups: the parent task that stands for a group, and the turns of its run (virtual time).
 #include <Tamlo/TaskGroup.h>
 
 #include "SchedulerTestSupport.h"
@@ -50,12 +49,9 @@ TEST_F(TaskGroupTest, GroupTurnsPerParentRunFollowModeQuantumAndForcedYields) {
   } const rows[] = {
       {false, 1s, Force::none, "abcabc"},   // each task once per run
       {false, 500ms, Force::none, "abca"},  // the rest of a cut run goes first
-      {true, 1s, Force::none, "abcabcab"},
-      {true, 500ms, Force::none, "abca"},
-      {true, 1s, Force::group, "ab"},
-      {true, 1s, Force::task, "ab"},  // a task forced to yield forces the group
-      // Runs that got nothing done leave the group's work to a later run.
-      {false, 1s, Force::group, "", true},
+      {true, 1s, Force::none, "abcabcab"}, {true, 1s, Force::group, "ab"},
+      {true, 1s, Force::task, "ab"},        // a task forced to yield forces the group
+      {false, 1s, Force::group, "", true},  // runs that did nothing leave the work for later
   };
   for (Row const& row : rows) {
     std::string journal;

@@ -26,7 +26,8 @@ struct Field {
   uint64_t built, added, addedLarger;
 };
 // clang-format off
-#define FIELD(expr, ...) Field{#expr, [](TaskStat const& s) { return uint64_t(s.expr); }, __VA_ARGS__}
+#define FIELD(expr, ...) \
+  Field{#expr, [](TaskStat const& s) { return uint64_t(s.expr); }, __VA_ARGS__}
 // clang-format on
 Field const fields[] = {
     FIELD(taskKey().value(), 100, 100, 100),
