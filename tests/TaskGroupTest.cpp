@@ -1,6 +1,4 @@
-// Task groups: the parent task that stands for the group in its parent, and
-// how many group turns one parent run makes by mode, quantum and forced
-// yields (in virtual time, so that the test sets run lengths).
+// Task groups: the parent task that stands for a group, and the turns of its run (virtual time).
 #include <Tamlo/TaskGroup.h>
 
 #include "SchedulerTestSupport.h"
@@ -21,8 +19,7 @@ class TaskGroupTest : public ::testing::Test {
 TEST_F(TaskGroupTest, ParentTaskRunsTheGroupAsOneTaskOfItsParent) {
   std::string journal;
   auto group = TaskGroup::TaskGroupIs("io", TaskPriority::normal, false, root_);
-  // Any priority may join an unenforced group; its tasks run by priority
-  // inside the parent task's run, which is queued like any task.
+  // Any priority may join an unenforced group; they run by priority in the parent task's run.
   auto low = makeTask(group, TaskPriority::low, "b", journalRuns(journal, 1));
   auto high = makeTask(group, TaskPriority::high, "a", journalRuns(journal, 1));
   auto const outside = makeTask(root_, TaskPriority::normal, "r", journalRuns(journal, 1));
@@ -31,8 +28,7 @@ TEST_F(TaskGroupTest, ParentTaskRunsTheGroupAsOneTaskOfItsParent) {
   Tamlo::Platform::doEventLoop();
   EXPECT_EQ(journal, "abr");
 
-  // The tasks keep the group alive; the last to go takes the group and its
-  // parent task out of the root.
+  // The tasks keep the group alive; the last to go takes it and its parent task out.
   group.reset();
   low.reset();
   EXPECT_EQ(root_->taskGroupCount(), 1u);
@@ -41,8 +37,7 @@ TEST_F(TaskGroupTest, ParentTaskRunsTheGroupAsOneTaskOfItsParent) {
   EXPECT_EQ(root_->registeredTaskCount(), 1u);
 }
 
-// Three tasks that each take a quarter of a virtual second and always
-// schedule themselves again: what two parent runs get through.
+// Three tasks that each take a quarter second and reschedule: what two parent runs get through.
 TEST_F(TaskGroupTest, GroupTurnsPerParentRunFollowModeQuantumAndForcedYields) {
   enum class Force { none, group, task };
   struct Row {
@@ -54,27 +49,23 @@ TEST_F(TaskGroupTest, GroupTurnsPerParentRunFollowModeQuantumAndForcedYields) {
   } const rows[] = {
       {false, 1s, Force::none, "abcabc"},   // each task once per run
       {false, 500ms, Force::none, "abca"},  // the rest of a cut run goes first
-      {true, 1s, Force::none, "abcabcab"},
-      {true, 500ms, Force::none, "abca"},
-      {true, 1s, Force::group, "ab"},
-      {true, 1s, Force::task, "ab"},  // a task forced to yield forces the group
-      // Runs that got nothing done leave the group's work to a later run.
-      {false, 1s, Force::group, "", true},
+      {true, 1s, Force::none, "abcabcab"}, {true, 1s, Force::group, "ab"},
+      {true, 1s, Force::task, "ab"},        // a task forced to yield forces the group
+      {false, 1s, Force::group, "", true},  // runs that did nothing leave the work for later
   };
   for (Row const& row : rows) {
     std::string journal;
     auto const group = TaskGroup::TaskGroupIs("g", TaskPriority::normal, true, root_);
     group->tasksPermittedMultipleRunsIs(row.multipleRuns);
     group->taskGroupQuantumIs(row.quantum);
+    auto const body = [&journal](FunctionTask& self) {
+      journal += self.taskName();
+      Tamlo::Platform::fastForwardBy(0.25);
+      self.scheduleTask();
+    };
     std::vector<std::shared_ptr<FunctionTask>> tasks;
-    for (char const* name : {"a", "b", "c"}) {
-      tasks.push_back(makeTask(group, TaskPriority::normal, name, [&journal](FunctionTask& self) {
-        journal += self.taskName();
-        Tamlo::Platform::fastForwardBy(0.25);
-        self.scheduleTask();
-      }));
-      tasks.back()->scheduleTask();
-    }
+    for (char const* name : {"a", "b", "c"})
+      tasks.emplace_back(makeTask(group, TaskPriority::normal, name, body))->scheduleTask();
     group->taskGroupForceYieldInTestIs(row.force == Force::group);
     tasks[0]->taskForceYieldInTestIs(row.force == Force::task);
     root_->suspendedIs(row.rootSuspended);

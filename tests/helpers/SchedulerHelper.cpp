@@ -1,11 +1,11 @@
-// Scheduler failures that end the process, and runs whose output a test
-// compares. Usage: SchedulerHelper <mode>; the modes are in the table below.
+// Scheduler failures that end the process, and runs whose output a test compares.
+// Usage: SchedulerHelper <mode>; the modes are in the table below.
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
-#include <limits>
 #include <string_view>
 
 #include <Tamlo/Allocator.h>
@@ -21,14 +21,10 @@ namespace {
 using namespace std::chrono_literals;
 using Tamlo::TaskPriority;
 
-std::shared_ptr<Tamlo::TaskSchedulerRoot> root() {
-  return Tamlo::schedulerRootTamlo();
-}
+constexpr auto root = &Tamlo::schedulerRootTamlo;
 
-class DoomedTask : public Tamlo::Task {
- public:
-  explicit DoomedTask(std::shared_ptr<Tamlo::TaskScheduler> scheduler)
-      : Task(std::move(scheduler), TaskPriority::normal, "doomed") {}
+struct DoomedTask : Tamlo::Task {
+  DoomedTask() : Task(root(), TaskPriority::normal, "doomed") {}
   void taskExecute() override { handleDestroy(); }
 };
 
@@ -62,25 +58,19 @@ int timerTraceMode() {
   return 0;
 }
 
-struct IdleFdTask : Tamlo::FileDescriptorTask {
-  IdleFdTask() : FileDescriptorTask(root(), TaskPriority::normal, "fd") {}
+// Watches a socket at descriptor 20, so that messages name known numbers.
+struct FdTaskOn20 : Tamlo::FileDescriptorTask {
+  explicit FdTaskOn20(bool readable) : FileDescriptorTask(root(), TaskPriority::normal, "fd") {
+    int fds[2];
+    ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
+    taskWatchFdIs(::dup2(fds[0], 20));
+    taskWatchReadableIs(readable);
+  }
   void taskExecuteReadable() override {}
   void taskExecuteWritable() override {}
 };
 
-// Watches a socket at descriptor 20, so that messages name known numbers.
-std::shared_ptr<IdleFdTask> fdTaskOn20(bool readable = true) {
-  int fds[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0 || dup2(fds[0], 20) != 20)
-    return nullptr;
-  auto task = Tamlo::makeShared<IdleFdTask>();
-  task->taskWatchFdIs(20);
-  task->taskWatchReadableIs(readable);
-  return task;
-}
-
-// A timer task armed before fork() runs once in each process; the child
-// re-initialises its base first and then also runs a timer task of its own.
+// A timer armed before fork() runs in both processes; the child's base is re-initialised.
 int forkMode() {
   struct Counting : Tamlo::TimerTask {
     using TimerTask::TimerTask;
@@ -89,7 +79,6 @@ int forkMode() {
   };
   auto const inherited = Tamlo::makeShared<Counting>(root(), TaskPriority::normal, "inherited");
   inherited->scheduleTaskDelay(5ms);
-  std::fflush(stdout);
   pid_t const child = ::fork();
   if (child == 0) {
     Tamlo::leForkReinit();
@@ -109,43 +98,31 @@ int forkMode() {
   return 0;
 }
 
-struct Mode {
-  std::string_view name;
-  int (*run)();
-};
-
-constexpr Mode modes[] = {
+constexpr std::pair<std::string_view, int (*)()> modes[] = {
     {"selfdestroy",
      [] {
-       auto const task = Tamlo::makeShared<DoomedTask>(root());
+       auto const task = Tamlo::makeShared<DoomedTask>();
        task->scheduleTask();
-       Tamlo::Platform::doEventLoop();
-       return std::puts("the run returned"), 0;
+       return Tamlo::Platform::doEventLoop(), 0;
      }},
     {"destroyagain",
      [] {
-       auto const bystander = Tamlo::makeShared<DoomedTask>(root());  // keeps the count above 0
-       auto task = Tamlo::makeShared<DoomedTask>(root());
+       auto const bystander = Tamlo::makeShared<DoomedTask>();  // keeps the count above 0
+       auto task = Tamlo::makeShared<DoomedTask>();
        task->handleDestroy();
        task->scheduleTask();
-       task.reset();
-       return std::puts("destroyed silently"), 0;
+       return task.reset(), 0;
      }},
     {"timertrace", timerTraceMode},
     {"jitter101", [] { return timerTask()->scheduleTaskJitterUp(1s, 101), 0; }},
     {"lowestnever",
      [] { return timerTask()->scheduleTaskLowestDelay(std::chrono::nanoseconds::max()), 0; }},
-    {"lowestinfinity",
-     [] {
-       return timerTask()->scheduleTaskLowestDelay(std::numeric_limits<double>::infinity()), 0;
-     }},
+    {"lowestinfinity", [] { return timerTask()->scheduleTaskLowestDelay(HUGE_VAL), 0; }},
     // The first draw of a fresh root is 0, and an offset of 0 exceeds -10 ns.
     {"jitternegative", [] { return timerTask()->scheduleTaskJitterDown(-10ns, 100), 0; }},
     {"grouppriority",
      [] {
-       Tamlo::makeShared<IdleTask<Tamlo::Task>>(group(TaskPriority::high, true),
-                                                TaskPriority::normal);
-       return 0;
+       return IdleTask<Tamlo::Task>(group(TaskPriority::high, true), TaskPriority::normal), 0;
      }},
     // A ParentTask that outlives its group.
     {"orphanparent",
@@ -155,8 +132,7 @@ constexpr Mode modes[] = {
        io.reset();
        return static_cast<Tamlo::TaskImpl const&>(*parent).getStats(), 0;
      }},
-    // A suspended root drops the group's requests, so the ParentTask's run
-    // leaves work behind without being scheduled again.
+    // A suspended root drops the group's requests: the ParentTask's run leaves work unscheduled.
     {"groupsuspended",
      [] {
        auto const io = group(TaskPriority::normal, false);
@@ -166,18 +142,17 @@ constexpr Mode modes[] = {
        task->scheduleTask();
        return io->taskGroupRunFromTest(), 0;
      }},
-    {"fdreadoff", [] { return fdTaskOn20(false)->readFdEvent(20), 0; }},
-    {"fdwriteoff", [] { return fdTaskOn20()->writeFdEvent(20), 0; }},
-    {"fdother", [] { return fdTaskOn20()->readFdEvent(21), 0; }},
+    {"fdreadoff", [] { return Tamlo::makeShared<FdTaskOn20>(false)->readFdEvent(20), 0; }},
+    {"fdwriteoff", [] { return Tamlo::makeShared<FdTaskOn20>(true)->writeFdEvent(20), 0; }},
+    {"fdother", [] { return Tamlo::makeShared<FdTaskOn20>(true)->readFdEvent(21), 0; }},
     {"fork", forkMode},
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (Mode const& mode : modes)
-    if (argc == 2 && mode.name == argv[1])
-      return mode.run();
-  std::fprintf(stderr, "usage: SchedulerHelper <mode>\n");
-  return 2;
+  for (auto const& [name, run] : modes)
+    if (argc == 2 && name == argv[1])
+      return run();
+  return std::fprintf(stderr, "usage: SchedulerHelper <mode>\n"), 2;
 }
