@@ -17,14 +17,17 @@ using namespace ::testing;
 TEST(ExceptionTest, EveryClassHasItsNameAndIsCaughtAsException) {
   Tamlo::Test::ThrowOnAssert const throwOnAssert;  // else AssertException ends the process
 #define TAMLO_ROW(Class) {"Tamlo::" #Class, Tamlo::Class::throwException}
-  // clang-format off
   std::pair<char const*, void (*)(std::string const&)> const throwers[] = {
-      TAMLO_ROW(Exception), TAMLO_ROW(MemoryResourceException), TAMLO_ROW(NoPermissionException),
-      TAMLO_ROW(UnimplementedException), TAMLO_ROW(InvalidInitializeException),
-      TAMLO_ROW(RuntimeException), TAMLO_ROW(OutOfRangeException),
-      TAMLO_ROW(CorruptionDetectedException), TAMLO_ROW(InvalidSizeException),
+      TAMLO_ROW(Exception),
+      TAMLO_ROW(MemoryResourceException),
+      TAMLO_ROW(NoPermissionException),
+      TAMLO_ROW(UnimplementedException),
+      TAMLO_ROW(InvalidInitializeException),
+      TAMLO_ROW(RuntimeException),
+      TAMLO_ROW(OutOfRangeException),
+      TAMLO_ROW(CorruptionDetectedException),
+      TAMLO_ROW(InvalidSizeException),
       TAMLO_ROW(AssertException)};
-  // clang-format on
 #undef TAMLO_ROW
   for (auto const& [name, throwException] : throwers) {
     try {
