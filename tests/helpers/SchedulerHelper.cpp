@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 #include <Tamlo/Allocator.h>
@@ -62,8 +63,9 @@ int timerTraceMode() {
 struct FdTaskOn20 : Tamlo::FileDescriptorTask {
   explicit FdTaskOn20(bool readable) : FileDescriptorTask(root(), TaskPriority::normal, "fd") {
     int fds[2];
-    ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
-    taskWatchFdIs(::dup2(fds[0], 20));
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0 || ::dup2(fds[0], 20) != 20)
+      std::perror("socket on 20"), std::exit(2);  // else the message would name another number
+    taskWatchFdIs(20);
     taskWatchReadableIs(readable);
   }
   void taskExecuteReadable() override {}
